@@ -1,0 +1,341 @@
+#define LOG_TAG "hidl_host"
+#include <android/hidl/base/1.0/IBase.h>
+#include <log/log.h>
+#include <stdio.h>
+#include <string.h>
+
+#include <condition_variable>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <qrnhost/hidl.h>
+#include <atomic>
+#include <thread>
+#include <utility>
+
+namespace android {
+namespace hardware {
+
+namespace {
+
+const char* exceptionName(int32_t e) {
+    switch (e) {
+        case Status::EX_NONE: return "EX_NONE";
+        case Status::EX_SECURITY: return "EX_SECURITY";
+        case Status::EX_BAD_PARCELABLE: return "EX_BAD_PARCELABLE";
+        case Status::EX_ILLEGAL_ARGUMENT: return "EX_ILLEGAL_ARGUMENT";
+        case Status::EX_NULL_POINTER: return "EX_NULL_POINTER";
+        case Status::EX_ILLEGAL_STATE: return "EX_ILLEGAL_STATE";
+        case Status::EX_NETWORK_MAIN_THREAD: return "EX_NETWORK_MAIN_THREAD";
+        case Status::EX_UNSUPPORTED_OPERATION: return "EX_UNSUPPORTED_OPERATION";
+        case Status::EX_HAS_REPLY_HEADER: return "EX_HAS_REPLY_HEADER";
+        case Status::EX_TRANSACTION_FAILED: return "EX_TRANSACTION_FAILED";
+        default: return "EX_UNKNOWN";
+    }
+}
+
+std::string statusName(status_t s) {
+    switch (s) {
+        case OK: return "OK";
+        case UNKNOWN_ERROR: return "UNKNOWN_ERROR";
+        case NO_MEMORY: return "NO_MEMORY";
+        case INVALID_OPERATION: return "INVALID_OPERATION";
+        case BAD_VALUE: return "BAD_VALUE";
+        case BAD_TYPE: return "BAD_TYPE";
+        case NAME_NOT_FOUND: return "NAME_NOT_FOUND";
+        case PERMISSION_DENIED: return "PERMISSION_DENIED";
+        case NO_INIT: return "NO_INIT";
+        case ALREADY_EXISTS: return "ALREADY_EXISTS";
+        case DEAD_OBJECT: return "DEAD_OBJECT";
+        case FAILED_TRANSACTION: return "FAILED_TRANSACTION";
+        case BAD_INDEX: return "BAD_INDEX";
+        case NOT_ENOUGH_DATA: return "NOT_ENOUGH_DATA";
+        case WOULD_BLOCK: return "WOULD_BLOCK";
+        case TIMED_OUT: return "TIMED_OUT";
+        case UNKNOWN_TRANSACTION: return "UNKNOWN_TRANSACTION";
+        default: return "status " + std::to_string(s);
+    }
+}
+
+}  // namespace
+
+Status Status::fromExceptionCode(int32_t exceptionCode) {
+    Status s;
+    s.mException = exceptionCode;
+    return s;
+}
+
+Status Status::fromExceptionCode(int32_t exceptionCode, const char* message) {
+    Status s = fromExceptionCode(exceptionCode);
+    s.mMessage = message ? message : "";
+    return s;
+}
+
+Status Status::fromStatusT(status_t status) {
+    Status s;
+    if (status == OK) return s;
+    s.mException = EX_TRANSACTION_FAILED;
+    s.mErrorCode = status;
+    return s;
+}
+
+std::string Status::description() const {
+    std::string out = "Status(";
+    out += exceptionName(mException);
+    out += ")";
+    if (mException == EX_TRANSACTION_FAILED) {
+        out += ": '" + statusName(mErrorCode) + "'";
+    } else if (!mMessage.empty()) {
+        out += ": '" + mMessage + "'";
+    }
+    return out;
+}
+
+namespace details {
+
+return_status& return_status::operator=(return_status&& other) noexcept {
+    if (this != &other) {
+        abortIfUnchecked();
+        moveFrom(other);
+    }
+    return *this;
+}
+
+return_status::~return_status() { abortIfUnchecked(); }
+
+void return_status::abortIfUnchecked() const {
+    // Checked flag first: isOk() would set it.
+    if (!mCheckedStatus && !mStatus.isOk()) {
+        LOG_ALWAYS_FATAL("Failed HIDL return status not checked: %s", mStatus.description().c_str());
+    }
+}
+
+void return_status::assertOk() const {
+    if (!isOk()) {
+        LOG_ALWAYS_FATAL("Attempted to retrieve value from failed HIDL call: %s", description().c_str());
+    }
+}
+
+}  // namespace details
+}  // namespace hardware
+
+namespace hidl {
+namespace base {
+namespace V1_0 {
+
+const char* IBase::descriptor = "android.hidl.base@1.0::IBase";
+
+::android::hardware::Return<bool> IBase::linkToDeath(
+        const ::android::sp<::android::hardware::hidl_death_recipient>& recipient, uint64_t) {
+    // A service object in this process cannot die apart from its client.
+    return recipient != nullptr;
+}
+
+::android::hardware::Return<bool> IBase::unlinkToDeath(
+        const ::android::sp<::android::hardware::hidl_death_recipient>& recipient) {
+    return recipient != nullptr;
+}
+
+::android::hardware::Return<void> IBase::ping() { return ::android::hardware::Void(); }
+
+}  // namespace V1_0
+}  // namespace base
+}  // namespace hidl
+}  // namespace android
+
+namespace qrnhost::hidl {
+
+namespace {
+
+// One thread that delivers death notifications, like a binder thread of the
+// device's runtime. Started on first use and joined at exit.
+class Runtime {
+  public:
+    ~Runtime() {
+        {
+            std::lock_guard<std::mutex> g(mLock);
+            mStop = true;
+        }
+        mCond.notify_all();
+        if (mThread.joinable()) mThread.join();
+    }
+
+    void post(std::function<void()> job) {
+        std::lock_guard<std::mutex> g(mLock);
+        if (!mThread.joinable()) mThread = std::thread([this] { loop(); });
+        mJobs.push_back(std::move(job));
+        mCond.notify_all();
+    }
+
+    void waitIdle() {
+        std::unique_lock<std::mutex> g(mLock);
+        mIdle.wait(g, [this] { return mJobs.empty() && !mBusy; });
+    }
+
+    bool onThread() const { return std::this_thread::get_id() == mThreadId.load(); }
+
+  private:
+    void loop() {
+        mThreadId.store(std::this_thread::get_id());
+        std::unique_lock<std::mutex> g(mLock);
+        for (;;) {
+            mCond.wait(g, [this] { return mStop || !mJobs.empty(); });
+            if (mJobs.empty()) break;  // stopping with nothing left
+            auto job = std::move(mJobs.front());
+            mJobs.pop_front();
+            mBusy = true;
+            g.unlock();
+            job();
+            job = nullptr;  // drop captured references outside the lock
+            g.lock();
+            mBusy = false;
+            if (mJobs.empty()) mIdle.notify_all();
+        }
+    }
+
+    std::mutex mLock;
+    std::condition_variable mCond;
+    std::condition_variable mIdle;
+    std::deque<std::function<void()>> mJobs;
+    bool mStop = false;
+    bool mBusy = false;
+    std::atomic<std::thread::id> mThreadId{};
+    std::thread mThread;
+};
+
+Runtime& runtime() {
+    static Runtime r;
+    return r;
+}
+
+struct Registry {
+    std::mutex lock;
+    std::map<std::pair<std::string, std::string>, sp<Connection>> services;
+};
+
+Registry& registry() {
+    static Registry* r = new Registry;  // outlives every exit handler
+    return *r;
+}
+
+}  // namespace
+
+Connection::Connection(std::string descriptor, std::string instance, sp<IBase> service)
+    : mDescriptor(std::move(descriptor)), mInstance(std::move(instance)), mService(std::move(service)) {}
+
+sp<IBase> Connection::service() const {
+    std::lock_guard<std::mutex> g(mLock);
+    return mService;
+}
+
+bool Connection::alive() const {
+    std::lock_guard<std::mutex> g(mLock);
+    return mService != nullptr;
+}
+
+Status Connection::transactionStatus() const {
+    return alive() ? Status::ok() : Status::fromStatusT(::android::DEAD_OBJECT);
+}
+
+Return<bool> Connection::linkToDeath(const sp<hidl_death_recipient>& recipient, uint64_t cookie,
+                                     const wp<IBase>& who) {
+    std::lock_guard<std::mutex> g(mLock);
+    if (mService == nullptr) return Status::fromStatusT(::android::DEAD_OBJECT);
+    if (recipient == nullptr) return false;
+    // Held weakly and not de-duplicated, as the device's proxies do.
+    mLinks.push_back(Link{recipient, cookie, who});
+    return true;
+}
+
+Return<bool> Connection::unlinkToDeath(const sp<hidl_death_recipient>& recipient) {
+    std::lock_guard<std::mutex> g(mLock);
+    if (mService == nullptr) return Status::fromStatusT(::android::DEAD_OBJECT);
+    for (auto it = mLinks.rbegin(); it != mLinks.rend(); ++it) {
+        if (it->recipient == recipient) {
+            mLinks.erase(std::next(it).base());
+            return true;
+        }
+    }
+    return false;
+}
+
+size_t Connection::linkedRecipients() const {
+    std::lock_guard<std::mutex> g(mLock);
+    return mLinks.size();
+}
+
+void Connection::die() {
+    sp<IBase> service;
+    std::vector<Link> links;
+    {
+        std::lock_guard<std::mutex> g(mLock);
+        service = std::move(mService);
+        mService = nullptr;
+        links.swap(mLinks);
+    }
+    if (links.empty()) return;
+    runtime().post([links = std::move(links)] {
+        for (const Link& l : links) {
+            sp<hidl_death_recipient> r = l.recipient.promote();
+            if (r != nullptr) r->serviceDied(l.cookie, l.who);
+        }
+    });
+    // The service object itself is released here, on the caller's thread,
+    // as the last reference of the server side goes.
+}
+
+::android::status_t registerService(const std::string& descriptor, const std::string& instance,
+                                    const sp<IBase>& service) {
+    if (service == nullptr) return ::android::BAD_VALUE;
+    sp<Connection> old;
+    {
+        Registry& r = registry();
+        std::lock_guard<std::mutex> g(r.lock);
+        auto& slot = r.services[{descriptor, instance}];
+        old = slot;
+        slot = new Connection(descriptor, instance, service);
+    }
+    if (old != nullptr) old->die();
+    return ::android::OK;
+}
+
+sp<Connection> lookup(const std::string& descriptor, const std::string& instance) {
+    Registry& r = registry();
+    std::lock_guard<std::mutex> g(r.lock);
+    auto it = r.services.find({descriptor, instance});
+    return it == r.services.end() ? nullptr : it->second;
+}
+
+bool declareServiceDead(const std::string& descriptor, const std::string& instance) {
+    sp<Connection> c;
+    {
+        Registry& r = registry();
+        std::lock_guard<std::mutex> g(r.lock);
+        auto it = r.services.find({descriptor, instance});
+        if (it == r.services.end()) return false;
+        c = it->second;
+        r.services.erase(it);
+    }
+    c->die();
+    return true;
+}
+
+void unregisterAll() {
+    std::map<std::pair<std::string, std::string>, sp<Connection>> all;
+    {
+        Registry& r = registry();
+        std::lock_guard<std::mutex> g(r.lock);
+        all.swap(r.services);
+    }
+    for (auto& e : all) e.second->die();
+    all.clear();
+    waitForRuntimeIdle();
+}
+
+void waitForRuntimeIdle() { runtime().waitIdle(); }
+
+void postToRuntime(std::function<void()> job) { runtime().post(std::move(job)); }
+
+bool onRuntimeThread() { return runtime().onThread(); }
+
+}  // namespace qrnhost::hidl

@@ -1,0 +1,270 @@
+#include <dirent.h>
+#include <stdint.h>
+#include <string.h>
+#include <stdlib.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <fstream>
+#include <qrnhost/PowerSim.h>
+#include <qrnhost/hidl.h>
+#include <sstream>
+
+namespace qrnhost::power {
+
+using ::android::hardware::Status;
+using namespace vendor::quarnel::hardware::power::V2_0;
+
+const char* opName(Op op) {
+    switch (op) {
+        case Op::QuerySystemInfo: return "querySystemInfo";
+        case Op::RegisterScenario: return "registerScenario";
+        case Op::ConfigScenario: return "configScenario";
+        case Op::UnregisterScenario: return "unregisterScenario";
+        case Op::EnableScenario: return "enableScenario";
+        case Op::DisableScenario: return "disableScenario";
+    }
+    return "?";
+}
+
+std::string Call::toString() const {
+    std::ostringstream out;
+    out << opName(op) << "(";
+    for (size_t i = 0; i < args.size(); ++i) out << (i ? ", " : "") << args[i];
+    out << ")";
+    if (transportFailed)
+        out << " -> transport failure";
+    else if (op == Op::QuerySystemInfo || op == Op::RegisterScenario)
+        out << " -> " << result;
+    return out.str();
+}
+
+bool Scenario::expired(std::chrono::steady_clock::time_point now) const {
+    // A timeout of 0 keeps the scenario until it is disabled.
+    return enabled && timeoutMs > 0 && now - enabledAt >= std::chrono::milliseconds(timeoutMs);
+}
+
+std::string Scenario::describe() const {
+    std::ostringstream out;
+    auto now = std::chrono::steady_clock::now();
+    out << "scenario " << handle << ": " << (active(now) ? "enabled" : expired(now) ? "timed out" : "registered");
+    if (enabled) out << " (timeout " << timeoutMs << " ms)";
+    out << ", " << commands.size() << " command" << (commands.size() == 1 ? "" : "s");
+    for (const auto& c : commands)
+        out << " [" << c[0] << ":" << c[1] << "," << c[2] << (c[3] || c[4] ? "," + std::to_string(c[3]) : "")
+            << "]";
+    return out.str();
+}
+
+std::vector<int32_t> readCpufreqPolicies(const std::string& root) {
+    std::vector<std::pair<int, int32_t>> found;
+    DIR* d = opendir(root.c_str());
+    if (!d) return {};
+    while (struct dirent* e = readdir(d)) {
+        const char* name = e->d_name;
+        if (strncmp(name, "policy", 6) != 0) continue;
+        char* end = nullptr;
+        long n = strtol(name + 6, &end, 10);
+        if (end == name + 6 || *end) continue;
+        std::ifstream f(root + "/" + name + "/cpuinfo_max_freq");
+        long long freq = 0;
+        if (f >> freq && freq > 0 && freq <= INT32_MAX) found.emplace_back(static_cast<int>(n), static_cast<int32_t>(freq));
+    }
+    closedir(d);
+    std::sort(found.begin(), found.end());
+    std::vector<int32_t> out;
+    for (auto& p : found) out.push_back(p.second);
+    return out;
+}
+
+SimPowerService::SimPowerService(const Config& config) : mNextHandle(config.firstHandle) {
+    mClusterMaxFreq = config.clusterMaxFreq;
+    if (mClusterMaxFreq.empty()) mClusterMaxFreq = readCpufreqPolicies(config.cpufreqRoot);
+    if (mClusterMaxFreq.empty())
+        mClusterMaxFreq.assign(static_cast<size_t>(std::max(0, config.defaultClusters)), config.defaultMaxFreq);
+}
+
+Call& SimPowerService::journalLocked(Op op, std::vector<int32_t> args) {
+    Call c;
+    c.seq = mJournal.size() + 1;
+    c.op = op;
+    c.args = std::move(args);
+    c.tid = static_cast<pid_t>(syscall(SYS_gettid));
+    c.when = std::chrono::steady_clock::now();
+    mJournal.push_back(std::move(c));
+    return mJournal.back();
+}
+
+bool SimPowerService::takeFailureLocked(Op op) {
+    auto it = mFailures.find(op);
+    if (it == mFailures.end() || it->second <= 0) return false;
+    --it->second;
+    return true;
+}
+
+Return<int32_t> SimPowerService::querySystemInfo(int32_t cmd, int32_t param) {
+    std::lock_guard<std::mutex> g(mLock);
+    Call& c = journalLocked(Op::QuerySystemInfo, {cmd, param});
+    if (takeFailureLocked(Op::QuerySystemInfo)) {
+        c.transportFailed = true;
+        return Status::fromStatusT(::android::FAILED_TRANSACTION);
+    }
+    int32_t v = -1;
+    if (cmd == SYSINFO_CLUSTER_NUM) {
+        v = static_cast<int32_t>(mClusterMaxFreq.size());
+    } else if (cmd == SYSINFO_CLUSTER_FREQ_MAX) {
+        if (param >= 0 && static_cast<size_t>(param) < mClusterMaxFreq.size()) v = mClusterMaxFreq[param];
+    }
+    c.result = v;
+    return v;
+}
+
+Return<int32_t> SimPowerService::registerScenario() {
+    std::lock_guard<std::mutex> g(mLock);
+    Call& c = journalLocked(Op::RegisterScenario, {});
+    if (takeFailureLocked(Op::RegisterScenario)) {
+        c.transportFailed = true;
+        return Status::fromStatusT(::android::FAILED_TRANSACTION);
+    }
+    int32_t h = mNextHandle++;
+    mScenarios[h].handle = h;
+    c.result = h;
+    return h;
+}
+
+Return<void> SimPowerService::configScenario(int32_t handle, int32_t cmd, int32_t p1, int32_t p2, int32_t p3,
+                                             int32_t p4) {
+    std::lock_guard<std::mutex> g(mLock);
+    Call& c = journalLocked(Op::ConfigScenario, {handle, cmd, p1, p2, p3, p4});
+    if (takeFailureLocked(Op::ConfigScenario)) {
+        c.transportFailed = true;
+        return Status::fromStatusT(::android::FAILED_TRANSACTION);
+    }
+    auto it = mScenarios.find(handle);
+    if (it == mScenarios.end()) {
+        c.result = -1;  // no such scenario: ignored, as the service does
+        return ::android::hardware::Void();
+    }
+    Scenario& s = it->second;
+    s.commands.push_back({cmd, p1, p2, p3, p4});
+    Settings& st = s.settings;
+    switch (cmd) {
+        case CMD_SET_CPU_CORE_BIG_LITTLE_MIN: st.coreMin[p1] = p2; break;
+        case CMD_SET_CPU_CORE_BIG_LITTLE_MAX: st.coreMax[p1] = p2; break;
+        case CMD_SET_CPU_FREQ_BIG_LITTLE_MIN: st.freqMin[p1] = p2; break;
+        case CMD_SET_CPU_FREQ_BIG_LITTLE_MAX: st.freqMax[p1] = p2; break;
+        case CMD_SET_CPU_PERF_MODE: st.perfMode = p1 != 0; break;
+        case CMD_SET_PREFER_IDLE: st.preferIdle = p1 != 0; break;
+        case CMD_SET_CAM_PREFER_IDLE: st.camPreferIdle = p1 != 0; break;
+        case CMD_SET_PREFER_IDLE_PARAM: st.preferIdleParam = p1; break;
+        default: st.unknown.push_back({cmd, p1, p2, p3, p4}); break;
+    }
+    return ::android::hardware::Void();
+}
+
+Return<void> SimPowerService::unregisterScenario(int32_t handle) {
+    std::lock_guard<std::mutex> g(mLock);
+    Call& c = journalLocked(Op::UnregisterScenario, {handle});
+    if (takeFailureLocked(Op::UnregisterScenario)) {
+        c.transportFailed = true;
+        return Status::fromStatusT(::android::FAILED_TRANSACTION);
+    }
+    // Unregistering drops the scenario's settings, enabled or not.
+    c.result = mScenarios.erase(handle) ? 0 : -1;
+    return ::android::hardware::Void();
+}
+
+Return<void> SimPowerService::enableScenario(int32_t handle, int32_t timeout) {
+    std::lock_guard<std::mutex> g(mLock);
+    Call& c = journalLocked(Op::EnableScenario, {handle, timeout});
+    if (takeFailureLocked(Op::EnableScenario)) {
+        c.transportFailed = true;
+        return Status::fromStatusT(::android::FAILED_TRANSACTION);
+    }
+    auto it = mScenarios.find(handle);
+    if (it == mScenarios.end()) {
+        c.result = -1;
+        return ::android::hardware::Void();
+    }
+    it->second.enabled = true;
+    it->second.timeoutMs = timeout;
+    it->second.enabledAt = c.when;
+    return ::android::hardware::Void();
+}
+
+Return<void> SimPowerService::disableScenario(int32_t handle) {
+    std::lock_guard<std::mutex> g(mLock);
+    Call& c = journalLocked(Op::DisableScenario, {handle});
+    if (takeFailureLocked(Op::DisableScenario)) {
+        c.transportFailed = true;
+        return Status::fromStatusT(::android::FAILED_TRANSACTION);
+    }
+    auto it = mScenarios.find(handle);
+    if (it == mScenarios.end()) {
+        c.result = -1;
+        return ::android::hardware::Void();
+    }
+    it->second.enabled = false;
+    return ::android::hardware::Void();
+}
+
+void SimPowerService::injectTransportFailure(Op op, int count) {
+    std::lock_guard<std::mutex> g(mLock);
+    mFailures[op] += count;
+}
+
+std::vector<Call> SimPowerService::journal() const {
+    std::lock_guard<std::mutex> g(mLock);
+    return mJournal;
+}
+
+void SimPowerService::clearJournal() {
+    std::lock_guard<std::mutex> g(mLock);
+    mJournal.clear();
+}
+
+std::vector<Call> SimPowerService::calls(Op op) const {
+    std::lock_guard<std::mutex> g(mLock);
+    std::vector<Call> out;
+    for (const Call& c : mJournal)
+        if (c.op == op) out.push_back(c);
+    return out;
+}
+
+std::vector<Scenario> SimPowerService::registered() const {
+    std::lock_guard<std::mutex> g(mLock);
+    std::vector<Scenario> out;
+    for (const auto& e : mScenarios) out.push_back(e.second);
+    return out;
+}
+
+std::vector<Scenario> SimPowerService::active() const {
+    std::lock_guard<std::mutex> g(mLock);
+    auto now = std::chrono::steady_clock::now();
+    std::vector<Scenario> out;
+    for (const auto& e : mScenarios)
+        if (e.second.active(now)) out.push_back(e.second);
+    return out;
+}
+
+std::string SimPowerService::report() const {
+    std::vector<Scenario> all = registered();
+    std::ostringstream out;
+    if (all.empty()) {
+        out << "no scenario registered\n";
+        return out.str();
+    }
+    for (const Scenario& s : all) out << s.describe() << "\n";
+    return out.str();
+}
+
+sp<SimPowerService> startDefaultService(const Config& config) {
+    sp<SimPowerService> s = new SimPowerService(config);
+    if (s->registerAsService("default") != ::android::OK) return nullptr;
+    return s;
+}
+
+bool killDefaultService() { return qrnhost::hidl::declareServiceDead(IPower::descriptor, "default"); }
+
+}  // namespace qrnhost::power
