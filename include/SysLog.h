@@ -22,10 +22,11 @@
 #include <qrncam/utils/TestLog.h>
 #include <qrncam/utils/ULog.h>
 
-// <cutils/trace.h> declares these only inside its inline helpers; the
-// facade calls them itself after its own readiness and tag checks.
-extern "C" void atrace_begin_body(const char* name);
-extern "C" void atrace_end_body();
+// <cutils/trace.h> declares these only inside its inline helpers, which does
+// not make them visible here; the facade calls them itself after its own
+// readiness and tag checks.
+extern "C" void atrace_begin_body(const char* name);  // NOLINT(readability-redundant-declaration)
+extern "C" void atrace_end_body();                    // NOLINT(readability-redundant-declaration)
 
 namespace qrncam {
 namespace log {

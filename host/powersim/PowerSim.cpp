@@ -1,4 +1,3 @@
-#include <dirent.h>
 #include <stdint.h>
 #include <string.h>
 #include <stdlib.h>
@@ -6,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <fstream>
 #include <qrnhost/PowerSim.h>
 #include <qrnhost/hidl.h>
@@ -58,22 +58,21 @@ std::string Scenario::describe() const {
 }
 
 std::vector<int32_t> readCpufreqPolicies(const std::string& root) {
-    std::vector<std::pair<int, int32_t>> found;
-    DIR* d = opendir(root.c_str());
-    if (!d) return {};
-    while (struct dirent* e = readdir(d)) {
-        const char* name = e->d_name;
-        if (strncmp(name, "policy", 6) != 0) continue;
+    std::vector<std::pair<long, int32_t>> found;
+    std::error_code ec;
+    for (const auto& entry : std::filesystem::directory_iterator(root, ec)) {
+        std::string name = entry.path().filename().string();
+        if (name.compare(0, 6, "policy") != 0) continue;
         char* end = nullptr;
-        long n = strtol(name + 6, &end, 10);
-        if (end == name + 6 || *end) continue;
-        std::ifstream f(root + "/" + name + "/cpuinfo_max_freq");
+        long n = strtol(name.c_str() + 6, &end, 10);
+        if (end == name.c_str() + 6 || *end) continue;
+        std::ifstream f(entry.path() / "cpuinfo_max_freq");
         long long freq = 0;
-        if (f >> freq && freq > 0 && freq <= INT32_MAX) found.emplace_back(static_cast<int>(n), static_cast<int32_t>(freq));
+        if (f >> freq && freq > 0 && freq <= INT32_MAX) found.emplace_back(n, static_cast<int32_t>(freq));
     }
-    closedir(d);
     std::sort(found.begin(), found.end());
     std::vector<int32_t> out;
+    out.reserve(found.size());
     for (auto& p : found) out.push_back(p.second);
     return out;
 }

@@ -66,7 +66,7 @@ int parseFile(const std::string& path, std::vector<std::pair<std::string, std::s
 void ensureLoadedLocked(Store& s) {
     if (s.fileLoaded) return;
     s.fileLoaded = true;
-    const char* path = getenv(qrnhost::properties::kFileEnv);
+    const char* path = getenv(qrnhost::properties::kFileEnv);  // NOLINT(concurrency-mt-unsafe): read under the store's lock, nobody sets it
     if (!path || !*path) return;
     std::vector<std::pair<std::string, std::string>> kv;
     int errorLine = 0;
@@ -93,13 +93,8 @@ intmax_t getImax(const char* key, intmax_t lo, intmax_t hi, intmax_t def) {
     errno = 0;
     char* end = nullptr;
     intmax_t v = strtoimax(buf, &end, 0);
-    intmax_t result = v;
-    if ((v == INTMAX_MIN || v == INTMAX_MAX) && errno == ERANGE)
-        result = def;
-    else if (v < lo || v > hi)
-        result = def;
-    else if (end == buf)
-        result = def;
+    bool overflow = (v == INTMAX_MIN || v == INTMAX_MAX) && errno == ERANGE;
+    intmax_t result = (overflow || v < lo || v > hi || end == buf) ? def : v;
     errno = saved;
     return result;
 }

@@ -24,8 +24,6 @@ extern "C" {
 std::atomic_bool atrace_is_ready(false);
 uint64_t atrace_enabled_tags = 0;
 int atrace_marker_fd = -1;
-void atrace_begin_body(const char* name);
-void atrace_end_body();
 }
 
 namespace {

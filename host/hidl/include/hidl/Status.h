@@ -95,7 +95,7 @@ class return_status {
 template <typename T>
 class Return : public details::return_status {
   public:
-    Return(T v) : details::return_status(), mVal{std::move(v)} {}  // NOLINT(google-explicit-constructor)
+    Return(T v) : mVal{std::move(v)} {}  // NOLINT(google-explicit-constructor)
     Return(const Status& s) : details::return_status(s) {}         // NOLINT(google-explicit-constructor)
     Return(Return&& other) noexcept = default;
     Return& operator=(Return&& other) noexcept = default;
@@ -114,7 +114,7 @@ class Return : public details::return_status {
 template <typename T>
 class Return<sp<T>> : public details::return_status {
   public:
-    Return(sp<T> v) : details::return_status(), mVal{std::move(v)} {}  // NOLINT(google-explicit-constructor)
+    Return(sp<T> v) : mVal{std::move(v)} {}  // NOLINT(google-explicit-constructor)
     Return(const Status& s) : details::return_status(s) {}             // NOLINT(google-explicit-constructor)
     Return(Return&& other) noexcept = default;
     Return& operator=(Return&& other) noexcept = default;
@@ -133,7 +133,7 @@ class Return<sp<T>> : public details::return_status {
 template <>
 class Return<void> : public details::return_status {
   public:
-    Return() : details::return_status() {}
+    Return() = default;
     Return(const Status& s) : details::return_status(s) {}  // NOLINT(google-explicit-constructor)
     Return(Return&& other) noexcept = default;
     Return& operator=(Return&& other) noexcept = default;

@@ -1,0 +1,72 @@
+#!/usr/bin/env bash
+# The quality lanes. Each builds in its own directory under build/ and fails
+# the run on the first error. Usage: tools/ci/lanes.sh LANE [LANE ...]
+set -euo pipefail
+root=$(cd "$(dirname "$0")/../.." && pwd)
+cd "$root"
+jobs=${QRNCAM_JOBS:-2}
+summary=()
+
+banner() { printf '\n==== lane %s ====\n' "$1"; }
+
+lane_default() {
+  cmake --preset default >/dev/null
+  cmake --build --preset default -j"$jobs"
+  ctest --preset default
+}
+
+lane_asan() {
+  cmake --preset asan >/dev/null
+  cmake --build --preset asan -j"$jobs"
+  ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1 ctest --preset asan
+}
+
+lane_tsan() {
+  # An instrumented libutils built from Debian's source package: see
+  # tools/ci/build-tsan-libutils.sh for why. No suppressions.
+  tools/ci/build-tsan-libutils.sh "$root/build/tsan-libutils"
+  cmake --preset tsan -DQRNCAM_LIBUTILS_DIR="$root/build/tsan-libutils" >/dev/null
+  cmake --build --preset tsan -j"$jobs"
+  TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" ctest --preset tsan
+}
+
+lane_valgrind() {
+  # memcheck over the tests that do not fork: no invalid access, no
+  # definite leak.
+  cmake --preset default >/dev/null
+  cmake --build --preset default -j"$jobs"
+  tools/ci/valgrind-tests.sh build/default
+}
+
+lane_tidy() {
+  cmake --preset default >/dev/null
+  cmake --build --preset default -j"$jobs"
+  mapfile -t files < <(git ls-files 'utils/*.cpp' 'host/*.cpp' 'tools/*.cpp')
+  run-clang-tidy -quiet -p build/default -j "$jobs" "${files[@]}" 2>&1 | grep -v '^[0-9]* warnings generated' \
+    | tee build/clang-tidy.log
+  if grep -qE 'warning:|error:' build/clang-tidy.log; then echo "clang-tidy reported warnings"; return 1; fi
+}
+
+lane_package() {
+  # cmake --install, then a separate project finds the library both ways.
+  cmake --preset default >/dev/null
+  cmake --build --preset default -j"$jobs"
+  local prefix="$root/build/package/prefix"
+  rm -rf "$root/build/package"
+  cmake --install build/default --prefix "$prefix" >/dev/null
+  tools/ci/check-package.sh "$prefix" "$root/build/package"
+}
+
+lane_arm64() { tools/ci/arm64.sh; }
+
+lane_fuzz() { tools/ci/fuzz.sh "${QRNCAM_FUZZ_SECONDS:-60}"; }
+
+for lane in "$@"; do
+  banner "$lane"
+  start=$(date +%s)
+  if ! declare -F "lane_$lane" >/dev/null; then echo "unknown lane: $lane" >&2; exit 2; fi
+  "lane_$lane"
+  summary+=("$lane: ok ($(( $(date +%s) - start )) s)")
+done
+printf '\n==== summary ====\n'
+printf '%s\n' "${summary[@]}"
