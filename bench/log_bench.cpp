@@ -27,9 +27,10 @@ void BM_BareThreeLoadGate(benchmark::State& state) {
     for (auto _ : state) {
         benchmark::ClobberMemory();  // force fresh loads, as the facade makes
         if (ULogger::sDetailsLevel >= 5u && (ULogger::sNormalDetailsMask & 0x40000000u) &&
-            (ULogger::sNormalDetailsMask & 0x7000u))
+            (ULogger::sNormalDetailsMask & 0x7000u)) {
             ++passed;
-        benchmark::DoNotOptimize(passed);
+            benchmark::DoNotOptimize(passed);
+        }
     }
 }
 BENCHMARK(BM_BareThreeLoadGate);
