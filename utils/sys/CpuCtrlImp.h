@@ -44,8 +44,8 @@ class CpuCtrlImp : public CpuCtrl {
     void endRequest(::qrncam::log::ScopedFunctionTrace& scope);
 
     pthread_mutex_t mLock;
-    // Changed only by atomic add/subtract of 1 (release) with mLock held;
-    // a reader outside the lock (a diagnostic dump) still sees a whole value.
+    // Changed only by atomic add/subtract of 1 with release ordering, and
+    // only with mLock held; being atomic, it can also be read without the lock.
     std::atomic<int32_t> mUser;
     int32_t mEnabled;
     int32_t mPowerHalHandle;
