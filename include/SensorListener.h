@@ -3,8 +3,15 @@
 // reports sensors as unsupported; createInstance() makes no object.
 #pragma once
 
+#include <stdint.h>
+
 class SensorListener {
   public:
+    // The yes/no answers are 32-bit: camera components built against this
+    // interface read the whole 32-bit result register, whose upper bits a
+    // one-byte bool leaves undefined.
+    using Result = int32_t;
+
     enum SensorTypeEnum {
         SensorType_Acc = 0,
         SensorType_Mag,
@@ -19,13 +26,13 @@ class SensorListener {
 
     virtual ~SensorListener() = default;
     virtual void destroyInstance() = 0;
-    virtual bool setListener(void (*listener)()) = 0;
-    virtual bool enableSensor(SensorTypeEnum type, unsigned int rate) = 0;
-    virtual bool disableSensor(SensorTypeEnum type) = 0;
-    virtual bool init() = 0;
-    virtual bool uninit() = 0;
-    virtual bool getEvents() = 0;
-    virtual bool isSupport() = 0;
+    virtual Result setListener(void (*listener)()) = 0;
+    virtual Result enableSensor(SensorTypeEnum type, unsigned int rate) = 0;
+    virtual Result disableSensor(SensorTypeEnum type) = 0;
+    virtual Result init() = 0;
+    virtual Result uninit() = 0;
+    virtual Result getEvents() = 0;
+    virtual Result isSupport() = 0;
 };
 
 class SensorListenerImp : public SensorListener {
@@ -33,13 +40,13 @@ class SensorListenerImp : public SensorListener {
     explicit SensorListenerImp(const char* user);
     ~SensorListenerImp() override;
     void destroyInstance() override;
-    bool setListener(void (*listener)()) override;
-    bool enableSensor(SensorTypeEnum type, unsigned int rate) override;
-    bool disableSensor(SensorTypeEnum type) override;
-    bool init() override;
-    bool uninit() override;
-    bool getEvents() override;
-    bool isSupport() override;
+    Result setListener(void (*listener)()) override;
+    Result enableSensor(SensorTypeEnum type, unsigned int rate) override;
+    Result disableSensor(SensorTypeEnum type) override;
+    Result init() override;
+    Result uninit() override;
+    Result getEvents() override;
+    Result isSupport() override;
 };
 
 // Event-loop callback shape (descriptor, events, user data); answers 1.

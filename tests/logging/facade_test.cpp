@@ -229,15 +229,15 @@ TEST_F(FileCacheForm, InfoAndDebugNeedTheFlagBeforeAsking) {
     int flag = 0;
     FC_LOGI(flag, "Initialize FileCache <%s>", "a");
     FC_LOGD(flag, "<%s> Write %d bytes to memory", "a", 4);
-    EXPECT_EQ(0, gAsked['I'].load());
-    EXPECT_EQ(0, gAsked['D'].load());
+    EXPECT_EQ(0, gAsked[int{'I'}].load());
+    EXPECT_EQ(0, gAsked[int{'D'}].load());
     EXPECT_TRUE(cap.records().empty());
 
     flag = 1;
     FC_LOGI(flag, "Initialize FileCache <%s>", "a");
     FC_LOGD(flag, "<%s> Write %d bytes to memory", "a", 4);
-    EXPECT_EQ(1, gAsked['I'].load());
-    EXPECT_EQ(1, gAsked['D'].load());
+    EXPECT_EQ(1, gAsked[int{'I'}].load());
+    EXPECT_EQ(1, gAsked[int{'D'}].load());
     EXPECT_TRUE(cap.hasAndroid(ANDROID_LOG_INFO, "file_cache", "Initialize FileCache <a>"));
     EXPECT_TRUE(cap.hasAndroid(ANDROID_LOG_DEBUG, "file_cache", "<a> Write 4 bytes to memory"));
     EXPECT_TRUE(cap.records(Sink::ULog).empty());
@@ -251,7 +251,7 @@ TEST_F(FileCacheForm, InfoAndDebugNeedTheFlagBeforeAsking) {
 TEST_F(FileCacheForm, ErrorsAskTheSwitchAndCarryTheSuffix) {
     Capture cap(0, 0, 0);
     fcError("/data/dump.raw");
-    EXPECT_EQ(1, gAsked['E'].load());
+    EXPECT_EQ(1, gAsked[int{'E'}].load());
     EXPECT_TRUE(cap.hasAndroid(ANDROID_LOG_ERROR, "file_cache",
                                "Fail to open physical file </data/dump.raw> (fcError){#" + std::to_string(fcErrorLine) +
                                        ":tests/logging/facade_test.cpp}"));

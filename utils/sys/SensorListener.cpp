@@ -3,26 +3,46 @@
 // No sensor service is wired into this build: every query answers "no",
 // except the two calls whose callers treat 1 as "nothing to do".
 
-SensorListener* SensorListener::createInstance(const char*) { return nullptr; }
+SensorListener* SensorListener::createInstance(const char*) {
+    return nullptr;
+}
 
 SensorListenerImp::SensorListenerImp(const char*) {}
 
 SensorListenerImp::~SensorListenerImp() = default;
 
-void SensorListenerImp::destroyInstance() { delete this; }
+void SensorListenerImp::destroyInstance() {
+    delete this;
+}
 
-bool SensorListenerImp::setListener(void (*)()) { return true; }
+SensorListener::Result SensorListenerImp::setListener(void (*)()) {
+    return 1;
+}
 
-bool SensorListenerImp::enableSensor(SensorTypeEnum, unsigned int) { return false; }
+SensorListener::Result SensorListenerImp::enableSensor(SensorTypeEnum, unsigned int) {
+    return 0;
+}
 
-bool SensorListenerImp::disableSensor(SensorTypeEnum) { return false; }
+SensorListener::Result SensorListenerImp::disableSensor(SensorTypeEnum) {
+    return 0;
+}
 
-bool SensorListenerImp::init() { return false; }
+SensorListener::Result SensorListenerImp::init() {
+    return 0;
+}
 
-bool SensorListenerImp::uninit() { return false; }
+SensorListener::Result SensorListenerImp::uninit() {
+    return 0;
+}
 
-bool SensorListenerImp::getEvents() { return false; }
+SensorListener::Result SensorListenerImp::getEvents() {
+    return 0;
+}
 
-bool SensorListenerImp::isSupport() { return false; }
+SensorListener::Result SensorListenerImp::isSupport() {
+    return 0;
+}
 
-int SensorListenerImp_callback(int, int, void*) { return 1; }
+int SensorListenerImp_callback(int, int, void*) {
+    return 1;
+}
