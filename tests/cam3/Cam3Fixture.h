@@ -18,26 +18,21 @@
 namespace cam3test {
 
 using ::android::sp;
-using qrnhost::power::Op;
 using qrnhost::power::SimPowerService;
 using qrntest::Capture;
 using qrntest::Sink;
-using vendor::quarnel::hardware::power::V2_0::IPower;
+using Strings = std::vector<std::string>;
 
 inline const std::string kTag = "Cam3CPUCtrl_util";
 
 // Gives the controller back when the test ends, unless the test did.
 struct Owned {
     Utils::Cam3CPUCtrl* p = Utils::Cam3CPUCtrl::createInstance();
-    Owned() = default;
-    Owned(const Owned&) = delete;
-    Owned& operator=(const Owned&) = delete;
     ~Owned() {
         if (p) p->destroyInstance();
     }
     Utils::Cam3CPUCtrl* operator->() const { return p; }
-    // disable() is not on the interface.
-    Utils::Cam3CPUCtrlImp* imp() const { return static_cast<Utils::Cam3CPUCtrlImp*>(p); }
+    Utils::Cam3CPUCtrlImp* imp() const { return static_cast<Utils::Cam3CPUCtrlImp*>(p); }  // for disable()
     void destroy() {
         p->destroyInstance();
         p = nullptr;
@@ -46,20 +41,14 @@ struct Owned {
 
 // Death recipients linked to the "default" power service now.
 inline size_t linkedRecipients() {
-    sp<qrnhost::hidl::Connection> c = qrnhost::hidl::lookup(IPower::descriptor, "default");
+    auto c = qrnhost::hidl::lookup(vendor::quarnel::hardware::power::V2_0::IPower::descriptor, "default");
     return c == nullptr ? 0 : c->linkedRecipients();
 }
 
-inline std::vector<std::string> journalText(const sp<SimPowerService>& sim) {
-    std::vector<std::string> out;
+inline Strings journalText(const sp<SimPowerService>& sim) {
+    Strings out;
     for (const auto& c : sim->journal()) out.push_back(c.toString());
     return out;
-}
-
-inline bool contains(const std::vector<std::string>& v, const std::string& s) {
-    for (const auto& x : v)
-        if (x == s) return true;
-    return false;
 }
 
 class Cam3Test : public ::testing::Test {

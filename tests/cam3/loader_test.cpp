@@ -1,5 +1,6 @@
 // The perf-lock loader, each case in a process of its own: library absent,
 // present without one of its entry points, and present.
+#include <Cam3CPUCtrl.h>
 #include <Capture.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -66,6 +67,15 @@ TEST(PerfLockLoader, LoadedOnceThenOnlyCopied) {
                     "  D [enterCPUBoost] enter CPU boost", "  D [enterNoTempa] ",
                     "  D [enterNoTempa] enter CPU No TEMPA", "  D [exitCameraPerf] exit camera perf mode",
                     "  D [exitCPUBoost] exit cpu boost", "  D [exitNoTempa] exit cpu NO TEMPA"));
+}
+
+TEST(PerfLockLoader, FoundThroughTheRunpathOfTheLibrary) {
+    // This process links neither the simulator nor has it on a search path:
+    // only the RUNPATH of libqrncam_sysutils.so leads there, as on a device.
+    Utils::Cam3CPUCtrl* c = Utils::Cam3CPUCtrl::createInstance();
+    EXPECT_TRUE(c->enterCPUBoost(0));
+    EXPECT_TRUE(c->exitCPUBoost());
+    c->destroyInstance();
 }
 
 }  // namespace

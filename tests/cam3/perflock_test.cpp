@@ -8,62 +8,34 @@
 namespace cam3test {
 namespace {
 
-using qrnhost::perf::Call;
-using PerfOp = qrnhost::perf::Op;
-using Ints = std::vector<int32_t>;
-
-const Ints kCameraList = {0x01404300, 1, 0x01404100, 1};
-const Ints kBoostList = {0x00414000, 1};
-const Ints kNoTempaList = {0x02004000, 0};
-
-TEST_F(Cam3Test, EachPairTakesOneLockAndGivesItBack) {
-    Capture cap;
-    Owned c;
-    EXPECT_TRUE(c->enterCameraPerf());
-    EXPECT_TRUE(c->enterCameraPerf());  // already on: no second request
-    EXPECT_TRUE(c->enterCPUBoost(3000));
-    EXPECT_TRUE(c->enterCPUBoost(10));
-    EXPECT_TRUE(c->enterNoTempa());
-    EXPECT_TRUE(c->enterNoTempa());
-
-    std::vector<Call> acq = qrnhost::perf::calls(PerfOp::Acquire);
-    ASSERT_EQ(3u, acq.size());
-    EXPECT_EQ(0, acq[0].handle);
-    EXPECT_EQ(0, acq[0].duration);
-    EXPECT_EQ(4, acq[0].numArgs);
-    EXPECT_EQ(kCameraList, acq[0].list);
-    EXPECT_EQ(0, acq[1].handle);
-    EXPECT_EQ(3000, acq[1].duration);  // passed through unchanged
-    EXPECT_EQ(2, acq[1].numArgs);
-    EXPECT_EQ(kBoostList, acq[1].list);
-    EXPECT_EQ(0, acq[2].duration);
-    EXPECT_EQ(kNoTempaList, acq[2].list);
-    EXPECT_EQ(3u, qrnhost::perf::held().size());
-
-    EXPECT_TRUE(c->exitCameraPerf());
-    EXPECT_TRUE(c->exitCPUBoost());
-    EXPECT_TRUE(c->exitNoTempa());
-    EXPECT_TRUE(c->exitCameraPerf());  // nothing held any more: no release
-    EXPECT_TRUE(c->exitCPUBoost());
-    EXPECT_TRUE(c->exitNoTempa());
-    std::vector<Call> rel = qrnhost::perf::calls(PerfOp::Release);
-    ASSERT_EQ(3u, rel.size());
-    EXPECT_EQ((Ints{acq[0].result, acq[1].result, acq[2].result}), (Ints{rel[0].handle, rel[1].handle, rel[2].handle}));
-    EXPECT_EQ("", qrnhost::perf::report());
-
-    for (const char* text :
-         {"[enterCameraPerf] enable camera idle prefer", "[enterCameraPerf] enter camera perf mode",
-          "[enterCPUBoost] enter CPU boost", "[enterNoTempa] ", "[enterNoTempa] enter CPU No TEMPA",
-          "[exitCameraPerf] exit camera perf mode", "[exitCPUBoost] exit cpu boost", "[exitNoTempa] exit cpu NO TEMPA"})
-        EXPECT_TRUE(cap.hasAndroid(ANDROID_LOG_DEBUG, kTag, text)) << text;
+std::vector<std::string> perfJournal() {
+    std::vector<std::string> out;
+    for (const auto& c : qrnhost::perf::journal()) out.push_back(c.toString());
+    return out;
 }
 
-TEST_F(Cam3Test, ExitWithoutEnterReleasesNothing) {
+TEST_F(Cam3Test, EachPairHoldsOneLockAndGivesItBack) {
     Owned c;
-    EXPECT_TRUE(c->exitCameraPerf());
+    EXPECT_TRUE(c->exitCameraPerf());  // nothing held: nothing released
     EXPECT_TRUE(c->exitCPUBoost());
     EXPECT_TRUE(c->exitNoTempa());
-    EXPECT_TRUE(qrnhost::perf::journal().empty());
+    for (int i = 0; i < 2; ++i) {  // the second enter of each asks for nothing
+        EXPECT_TRUE(c->enterCameraPerf());
+        EXPECT_TRUE(c->enterCPUBoost(3000 + i));
+        EXPECT_TRUE(c->enterNoTempa());
+    }
+    EXPECT_EQ(3u, qrnhost::perf::held().size());
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_TRUE(c->exitCameraPerf());
+        EXPECT_TRUE(c->exitCPUBoost());
+        EXPECT_TRUE(c->exitNoTempa());
+    }
+    EXPECT_EQ((Strings{"perf_lock_acq(0, 0, {0x01404300, 0x00000001, 0x01404100, 0x00000001}, 4) = 1",
+                       "perf_lock_acq(0, 3000, {0x00414000, 0x00000001}, 2) = 2",
+                       "perf_lock_acq(0, 0, {0x02004000, 0x00000000}, 2) = 3", "perf_lock_rel(1) = 0",
+                       "perf_lock_rel(2) = 0", "perf_lock_rel(3) = 0"}),
+              perfJournal());
+    EXPECT_EQ("", qrnhost::perf::report());
 }
 
 TEST_F(Cam3Test, RefusedLocksLeaveTheStateUnchanged) {
@@ -73,35 +45,28 @@ TEST_F(Cam3Test, RefusedLocksLeaveTheStateUnchanged) {
     EXPECT_FALSE(c->enterCameraPerf());
     EXPECT_FALSE(c->enterCPUBoost(100));
     EXPECT_FALSE(c->enterNoTempa());
-    EXPECT_TRUE(cap.hasAndroid(ANDROID_LOG_WARN, kTag, "[enterCameraPerf] failed to lock perf, invalid handle:0"));
-    EXPECT_TRUE(cap.hasAndroid(ANDROID_LOG_WARN, kTag, "[enterCPUBoost] failed to lock cpu boost, invalid handle:0"));
-    EXPECT_TRUE(cap.hasAndroid(ANDROID_LOG_WARN, kTag, "[enterNoTempa] failed to lock cpu No Tempa, invalid handle:0"));
+    for (const char* text : {"[enterCameraPerf] failed to lock perf, invalid handle:0",
+                             "[enterCPUBoost] failed to lock cpu boost, invalid handle:0",
+                             "[enterNoTempa] failed to lock cpu No Tempa, invalid handle:0"})
+        EXPECT_TRUE(cap.hasAndroid(ANDROID_LOG_WARN, kTag, text)) << text;
     EXPECT_TRUE(c->exitCameraPerf());
     EXPECT_TRUE(c->exitCPUBoost());
     EXPECT_TRUE(c->exitNoTempa());
-    EXPECT_TRUE(qrnhost::perf::calls(PerfOp::Release).empty());
-
-    // Nothing was recorded as held, so each enter asks again.
+    EXPECT_TRUE(qrnhost::perf::calls(qrnhost::perf::Op::Release).empty());
+    // Nothing was recorded as held, so the next enter asks again, afresh.
     qrnhost::perf::setRefuseAll(false);
     EXPECT_TRUE(c->enterCameraPerf());
-    EXPECT_TRUE(c->enterCPUBoost(100));
-    EXPECT_TRUE(c->enterNoTempa());
-    EXPECT_EQ(6u, qrnhost::perf::calls(PerfOp::Acquire).size());
-    EXPECT_EQ(0, qrnhost::perf::calls(PerfOp::Acquire)[3].handle);
+    EXPECT_EQ(0, qrnhost::perf::journal().back().handle);
     EXPECT_TRUE(c->exitCameraPerf());
-    EXPECT_TRUE(c->exitCPUBoost());
-    EXPECT_TRUE(c->exitNoTempa());
-    EXPECT_EQ("", qrnhost::perf::report());
 }
 
 TEST_F(Cam3Test, CameraPerfSwitchedOffByItsProperty) {
-    Capture cap;
     Owned c;
+    Capture cap;
     property_set("vendor.cam3dev.idleprefer.enable", "false");
     EXPECT_FALSE(c->enterCameraPerf());
     EXPECT_TRUE(qrnhost::perf::journal().empty());
-    EXPECT_TRUE(cap.hasAndroid(ANDROID_LOG_WARN, kTag, "[enterCameraPerf] failed to lock perf, invalid handle:0"));
-    EXPECT_FALSE(cap.hasAndroid(ANDROID_LOG_DEBUG, kTag, "[enterCameraPerf] enable camera idle prefer"));
+    EXPECT_EQ(Strings{"[enterCameraPerf] failed to lock perf, invalid handle:0"}, cap.texts(Sink::Android, kTag));
 }
 
 TEST_F(Cam3Test, AnExpiredBoostIsStillTrustedUntilExit) {
@@ -109,28 +74,20 @@ TEST_F(Cam3Test, AnExpiredBoostIsStillTrustedUntilExit) {
     ASSERT_TRUE(c->enterCPUBoost(20));
     std::this_thread::sleep_for(std::chrono::milliseconds(60));
     EXPECT_TRUE(qrnhost::perf::held().empty());  // the simulator let it run out
-    EXPECT_TRUE(c->enterCPUBoost(5000));
-    EXPECT_EQ(1u, qrnhost::perf::calls(PerfOp::Acquire).size());
-    EXPECT_TRUE(c->exitCPUBoost());  // released though gone: the release is still sent
-    EXPECT_EQ(1u, qrnhost::perf::calls(PerfOp::Release).size());
-    EXPECT_TRUE(c->enterCPUBoost(5000));
-    EXPECT_EQ(2u, qrnhost::perf::calls(PerfOp::Acquire).size());
-    EXPECT_TRUE(c->exitCPUBoost());
+    EXPECT_TRUE(c->enterCPUBoost(5000));         // no new request
+    EXPECT_TRUE(c->exitCPUBoost());              // the release is still sent
+    EXPECT_EQ((Strings{"perf_lock_acq(0, 20, {0x00414000, 0x00000001}, 2) = 1", "perf_lock_rel(1) = -1"}),
+              perfJournal());
 }
 
 TEST_F(Cam3Test, AFullSessionLeavesNothingBehind) {
     property_set("vendor.cam3dev.cpupreferidle", "true");
     Owned c;
     ASSERT_TRUE(c->init());
-    EXPECT_TRUE(c->enterCameraPerf());
-    EXPECT_TRUE(c->enterCPUBoost(0));
-    EXPECT_TRUE(c->enterNoTempa());
-    EXPECT_TRUE(c->enablePreferIdle());
-    EXPECT_TRUE(c->cpuPerformanceMode(0));
+    EXPECT_TRUE(c->enterCameraPerf() && c->enterCPUBoost(0) && c->enterNoTempa());
+    EXPECT_TRUE(c->enablePreferIdle() && c->cpuPerformanceMode(0));
     EXPECT_FALSE(sim->active().empty());
-    EXPECT_TRUE(c->exitNoTempa());
-    EXPECT_TRUE(c->exitCPUBoost());
-    EXPECT_TRUE(c->exitCameraPerf());
+    EXPECT_TRUE(c->exitNoTempa() && c->exitCPUBoost() && c->exitCameraPerf());
     EXPECT_TRUE(c->uninit());
     c.destroy();
     EXPECT_TRUE(sim->registered().empty()) << sim->report();
