@@ -72,6 +72,9 @@ TEST(PerfLockLoader, LoadedOnceThenOnlyCopied) {
 TEST(PerfLockLoader, FoundThroughTheRunpathOfTheLibrary) {
     // This process links neither the simulator nor has it on a search path:
     // only the RUNPATH of libqrncam_sysutils.so leads there, as on a device.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the sanitizer's dlopen interceptor becomes the caller, so the library's RUNPATH is not searched";
+#endif
     Utils::Cam3CPUCtrl* c = Utils::Cam3CPUCtrl::createInstance();
     EXPECT_TRUE(c->enterCPUBoost(0));
     EXPECT_TRUE(c->exitCPUBoost());
