@@ -285,7 +285,7 @@ bool Cam3CPUCtrlImp::disable() {
         return false;
     }
     if (mEnabled == 0) {
-        // The wording is what the camera team's log filters look for.
+        // Kept word for word: logs are searched for this text.
         QRN_LOGD("[%s] Not thing to disable", __FUNCTION__);
         QRN_FUNCTION_SCOPE_EXIT();
         pthread_mutex_unlock(&mLock);
@@ -316,8 +316,6 @@ bool Cam3CPUCtrlImp::enterCameraPerf() {
     if (mCameraPerfOn == 1) return true;
     if (mPerfLockAcq == nullptr) return false;
     if (property_get_bool("vendor.cam3dev.idleprefer.enable", true)) {
-        // The held handle is passed back, so a lock still held is renewed
-        // rather than doubled.
         mCameraPerfHandle = mPerfLockAcq(mCameraPerfHandle, 0, const_cast<int32_t*>(kCameraPerfList), 4);
         QRN_LOGD("[%s] enable camera idle prefer", __FUNCTION__);
     }
@@ -358,8 +356,8 @@ bool Cam3CPUCtrlImp::exitCPUBoost() {
     if (mCpuBoostHandle == 0) return true;
     if (mPerfLockRel == nullptr) return false;
     mPerfLockRel(mCpuBoostHandle);
-    // Case and wording differ from the enter line on purpose: log filters
-    // in the field match these exact texts.
+    // Case and wording differ from the enter line; kept word for word, as
+    // logs are searched for these texts.
     QRN_LOGD("[%s] exit cpu boost", __FUNCTION__);
     mCpuBoostHandle = 0;
     return true;
