@@ -33,6 +33,7 @@ struct State {
     Call& record(Op op, int32_t handle) {
         Call c;
         c.seq = journal.size() + 1;
+        c.when = std::chrono::steady_clock::now();
         c.op = op;
         c.handle = handle;
         c.tid = static_cast<pid_t>(syscall(SYS_gettid));

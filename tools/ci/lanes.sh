@@ -59,7 +59,7 @@ lane_package() {
 
 lane_arm64() { tools/ci/arm64.sh; }
 
-lane_fuzz() { tools/ci/fuzz.sh "${QRNCAM_FUZZ_SECONDS:-60}"; }
+lane_fuzz() { QRNCAM_FUZZ_BUILD_DIR="$root/build/fuzz" tools/ci/fuzz.sh "${QRNCAM_FUZZ_SECONDS:-60}"; }
 
 for lane in "$@"; do
   banner "$lane"

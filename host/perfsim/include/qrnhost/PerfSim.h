@@ -33,6 +33,7 @@ struct QRNHOST_PERF_API Call {
     int32_t numArgs = 0;           // Acquire
     int32_t result = 0;            // value returned
     pid_t tid = 0;                 // calling thread
+    std::chrono::steady_clock::time_point when;  // arrival, on the same clock as the power journal
     std::string toString() const;  // "perf_lock_acq(0, 3000, {0x00414000, 0x1}, 2) = 1"
 };
 
