@@ -115,7 +115,13 @@ JobQueue<void(), P>::~JobQueue() {
     // are accepted but land in front of it and never run.
     mJobs.push_front(std::shared_ptr<JobTask>());
     mJobCond.notify_one();
-    if (lock.owns_lock()) lock.unlock();
+    if (lock.owns_lock()) {
+        // Waiting for the stop before the future keeps a destructor running
+        // on the worker's own thread blocked, as intended, instead of letting
+        // the runtime report a self-join and end the process.
+        mIdleCond.wait(lock, [this] { return mState == kStateStopped; });
+        lock.unlock();
+    }
     if (mWorker.valid()) mWorker.wait();
 }
 
