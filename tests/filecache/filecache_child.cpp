@@ -1,68 +1,45 @@
 // Helper process for the file cache and queue tests.
-//   filecache_child dump DIR    opens several caches in DIR, fills them in a
-//                               known order, drops them and calls exit while
-//                               their flushes are still queued.
-//   filecache_child selfdestroy destroys a queue from inside one of its jobs;
-//                               prints "returned" if that ever comes back.
+//   dump DIR CACHES BLOCKS SIZE: fills caches DIR/dumpN.bin with known
+//     blocks, drops them and calls exit while their flushes are still queued.
+//   selfdestroy: destroys a queue from inside its own job; exits 0 only if
+//     that ever returns.
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 
 #include <IFileCache.h>
-#include <JobQueue.h>
-#include <chrono>
+#include <future>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "FileCacheInternal.h"
 
-namespace {
-
-// Block b of cache c: a recognisable pattern, so the parent can check both
-// completeness and order.
-std::vector<unsigned char> block(int c, int b, size_t size) {
-    std::vector<unsigned char> v(size);
-    for (size_t i = 0; i < size; ++i) v[i] = static_cast<unsigned char>(c * 31 + b * 7 + i % 251);
-    return v;
-}
-
-int dump(const char* dir, int caches, int blocks, size_t size) {
-    // Keep the worker busy so that every flush below is still queued when
-    // exit() runs.
-    (void)gFileCacheQueue.addJob([] { std::this_thread::sleep_for(std::chrono::milliseconds(300)); }, 0);
+int main(int argc, char** argv) {
+    if (argc == 2 && strcmp(argv[1], "selfdestroy") == 0) {
+        auto* q = new NSCam::JobQueue<void(), NSCam::JQPriority(0)>("Child");
+        (void)q->addJob(
+            [q] {
+                delete q;
+                _exit(0);
+            },
+            0);
+        for (;;) pause();
+    }
+    if (argc != 6 || strcmp(argv[1], "dump") != 0) return 2;
+    // Hold the worker until exit() so that every flush is still queued then.
+    static std::promise<void> release;
+    (void)gFileCacheQueue.addJob([f = release.get_future().share()] { f.wait(); }, 0);
+    const int caches = atoi(argv[3]), blocks = atoi(argv[4]);
+    std::string block(strtoul(argv[5], nullptr, 10), '\0');
     for (int c = 0; c < caches; ++c) {
-        android::sp<NSCam::IFileCache> fc =
-            NSCam::IFileCache::open((std::string(dir) + "/dump" + std::to_string(c) + ".bin").c_str());
+        auto fc = NSCam::IFileCache::open((std::string(argv[2]) + "/dump" + std::to_string(c) + ".bin").c_str());
         for (int b = 0; b < blocks; ++b) {
-            std::vector<unsigned char> v = block(c, b, size);
-            if (fc->write(v.data(), static_cast<unsigned>(v.size())) != static_cast<int>(v.size())) return 3;
+            for (size_t i = 0; i < block.size(); ++i) block[i] = static_cast<char>(c * 31 + b * 7 + i % 251);
+            if (fc->write(block.data(), static_cast<unsigned>(block.size())) < 0) return 3;
         }
     }
     printf("pending=%llu\n", static_cast<unsigned long long>(gCachedBytes.load()));
     fflush(stdout);
+    release.set_value();
     exit(0);
-}
-
-int selfDestroy() {
-    auto* q = new NSCam::JobQueue<void(), NSCam::JQPriority(0)>("Child");
-    (void)q->addJob(
-        [q] {
-            delete q;
-            printf("returned\n");
-            fflush(stdout);
-        },
-        0);
-    for (;;) pause();
-}
-
-}  // namespace
-
-int main(int argc, char** argv) {
-    if (argc == 6 && strcmp(argv[1], "dump") == 0)
-        return dump(argv[2], atoi(argv[3]), atoi(argv[4]), strtoul(argv[5], nullptr, 10));
-    if (argc == 2 && strcmp(argv[1], "selfdestroy") == 0) return selfDestroy();
-    fprintf(stderr, "usage: %s dump DIR CACHES BLOCKS SIZE | selfdestroy\n", argv[0]);
-    return 2;
 }
