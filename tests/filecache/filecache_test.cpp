@@ -117,15 +117,22 @@ TEST_F(FileCacheTest, FilesHoldTheirBlocksInWriteOrderOnlyOnceDropped) {
 
 TEST_F(FileCacheTest, BudgetIsReloadedByEveryNewCacheAndComparedUnsigned) {
     constexpr uint64_t kMiB = 1 << 20;
-    ASSERT_LT(mStart, kMiB);  // so that the message's MB figures are known
-    property_set("vendor.debug.file_cache.storage_size", std::to_string(3 * kMiB - 100).c_str());
+    const uint64_t limit = mStart + 3 * kMiB;
+    property_set("vendor.debug.file_cache.storage_size", std::to_string(limit).c_str());
     sp<IFileCache> fc = IFileCache::open(file("budget").c_str());
     EXPECT_EQ(static_cast<int>(2 * kMiB), put(fc, bytes(2 * kMiB, 'x')));
-    EXPECT_EQ(static_cast<int>(kMiB - 100 - mStart), put(fc, bytes(kMiB - 100 - mStart, 'y')));  // exactly full
+    EXPECT_EQ(-1, put(fc, bytes(2 * kMiB, 'x')));
+    EXPECT_EQ(static_cast<int>(kMiB), put(fc, bytes(kMiB, 'y')));  // exactly full
     EXPECT_EQ(-1, put(fc, "z"));
-    EXPECT_THAT(lines(), ElementsAre(error("<" + file("budget") + "> Storage size exceed 2MB/2MB", "write")));
+    // The message shows what is cached without the refused block, then the limit, in MB.
+    auto exceed = [&](uint64_t total) {
+        return error("<" + file("budget") + "> Storage size exceed " + std::to_string(total >> 20) + "MB/" +
+                         std::to_string(limit >> 20) + "MB",
+                     "write");
+    };
+    EXPECT_THAT(lines(), ElementsAre(exceed(mStart + 2 * kMiB), exceed(limit)));
 
-    property_set("vendor.debug.file_cache.storage_size", std::to_string(3 * kMiB).c_str());
+    property_set("vendor.debug.file_cache.storage_size", std::to_string(limit + 1).c_str());
     EXPECT_EQ(-1, put(fc, "z"));  // not read again until a new cache is made
     IFileCache::open(file("other").c_str());
     EXPECT_EQ(1, put(fc, "z"));
@@ -133,13 +140,13 @@ TEST_F(FileCacheTest, BudgetIsReloadedByEveryNewCacheAndComparedUnsigned) {
     // Near the default budget, a negative limit lifts it altogether.
     qrnhost::properties::reset();
     IFileCache::open(file("other").c_str());
-    constexpr uint64_t kBusy = (1ull << 30) - 3 * kMiB;
-    gCachedBytes += kBusy;
+    const uint64_t busy = (1ull << 30) - cached();
+    gCachedBytes += busy;
     int withDefault = put(fc, bytes(100, 'a'));
     property_set("vendor.debug.file_cache.storage_size", "-1");
     IFileCache::open(file("other").c_str());
     int withNegative = put(fc, bytes(100, 'a'));
-    gCachedBytes -= kBusy;
+    gCachedBytes -= busy;
     EXPECT_EQ(-1, withDefault);
     EXPECT_EQ(100, withNegative);
 }
