@@ -2,8 +2,9 @@
 """Prints each file cache / job queue figure beside its baseline as a ratio.
 
 Usage: ratios.py OUT.json [OUT.json ...], where each file is the output of
-one of the benchmark binaries run with --benchmark_format=json (use
---benchmark_repetitions=N to compare medians rather than single runs).
+one of the benchmark binaries run with --benchmark_format=json. On a shared
+machine add --benchmark_repetitions=10 --benchmark_enable_random_interleaving
+so that medians are compared and load changes hit both sides alike.
 """
 import json
 import sys
