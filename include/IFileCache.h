@@ -1,0 +1,48 @@
+// Asynchronous file dumping. A cache collects copies of data blocks in
+// memory, within a process-wide budget, and writes them to its file on the
+// background queue once its last strong reference is dropped, so the caller
+// never waits for storage.
+#pragma once
+
+#include <pthread.h>
+#include <utils/RefBase.h>
+#include <utils/StrongPointer.h>
+
+#include <utility>
+#include <vector>
+
+namespace NSCam {
+
+class IFileCache : public virtual android::RefBase {
+  public:
+    // Returns null when fileName is null. The file is created (or
+    // truncated) only when the cache is flushed.
+    static android::sp<IFileCache> open(const char* fileName);
+
+    ~IFileCache() override;
+    // Copies size bytes into a new block of the cache. Returns size, or -1
+    // when the budget would be exceeded or memory is short.
+    virtual int write(const void* data, unsigned int size) = 0;
+};
+
+}  // namespace NSCam
+
+class FileCache : public NSCam::IFileCache {
+  public:
+    explicit FileCache(const char* fileName);
+    // Hands the blocks to a flush job on the background queue; does not
+    // wait for it.
+    ~FileCache() override;
+    int write(const void* data, unsigned int size) override;
+    void onFirstRef() override;
+
+  private:
+    char* mFileName;                                       // 256-byte block, owned by the flush job later
+    std::vector<std::pair<void*, unsigned int>>* mChunks;  // blocks in write order; null without a name
+    pthread_mutex_t mLock;
+};
+
+// Posts the flush of chunks into fileName to the background queue and
+// returns at once. Takes ownership of both: the job frees the name, every
+// block and the vector, and credits the budget.
+void writeToFile(char* fileName, std::vector<std::pair<void*, unsigned int>>* chunks);
