@@ -7,4 +7,4 @@ cd "$root"
 tools/ci/install-deps.sh
 cmake --preset default >/dev/null
 cmake --build --preset default -j2
-exec build/default/bin/qrncam_demo "$@"
+exec build/default/bin/qrncam_session "$@"

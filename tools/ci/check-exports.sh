@@ -12,8 +12,13 @@ if [ -n "$bad" ]; then
   echo "symbols exported that are not part of the interface:"; echo "$bad"; exit 1
 fi
 status=0
-for want in 'SensorListener::createInstance' 'SensorListenerImp_callback' \
-            $(for p in "$@"; do [ "$p" = "$lib" ] || echo "$p"; done); do
+for want in 'CpuCtrl::createInstance()' 'Utils::Cam3CPUCtrl::createInstance()' \
+            'NSCam::IFileCache::open(char const*)' 'writeToFile(char*' 'FileCache::FileCache(char const*)' \
+            'NSCam::JobQueue<void (), (NSCam::JQPriority)0>::addJob(' \
+            'NSCam::NSMemoryInfo::getFreeMemorySize()' 'NSCam::NSMemoryInfo::getSystemTotalMemorySize()' \
+            'NSCam::NSMemoryInfo::isLowRamDevice(float)' 'NSCam::NSThermalInfo::getSystemThermalValue()' \
+            'NSCam::NSThermalInfo::setThermalMode(int)' 'SensorListener::createInstance(char const*)' \
+            'SensorListenerImp::SensorListenerImp(char const*)' 'SensorListenerImp_callback(int, int, void*)'; do
   echo "$syms" | grep -qF "$want" || { echo "missing export: $want"; status=1; }
 done
 [ $status = 0 ] && echo "exports: $(echo "$syms" | wc -l) symbols, all of the interface"
