@@ -24,7 +24,7 @@ std::string resolve(const char* fixedPath) {
         auto it = redirections().find(fixedPath);
         if (it != redirections().end()) return it->second;
     }
-    const char* root = getenv(kRootEnv);
+    const char* root = getenv(kRootEnv);  // NOLINT(concurrency-mt-unsafe): set by host programs before threads start
     if (root != nullptr && root[0] != '\0') return std::string(root) + fixedPath;
     return fixedPath;
 }

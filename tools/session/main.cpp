@@ -692,6 +692,7 @@ int main(int argc, char** argv) {
     }
     if (pid == 0) {
         std::vector<char*> av;
+        av.reserve(args.size() + 1);
         for (auto& a : args) av.push_back(const_cast<char*>(a.c_str()));
         av.push_back(nullptr);
         execv(av[0], av.data());

@@ -21,7 +21,6 @@
 
 #include <mutex>
 
-using ::android::sp;
 using ::android::wp;
 using ::android::hardware::Return;
 using ::android::hidl::base::V1_0::IBase;
@@ -50,7 +49,7 @@ static void loadPerfAPI(PerfLockAcqFn& acq, PerfLockRelFn& rel) {
         gPerfLibHandle = dlopen("libqrnperf_client_vendor.so", RTLD_NOW);
         if (gPerfLibHandle == nullptr) {
             // dlerror() clears the text it returns: read it once for both sinks.
-            const char* err = dlerror();
+            const char* err = dlerror();  // NOLINT(concurrency-mt-unsafe): loads are serialised by gPerfLoadLock
             QRN_LOGW("[%s] dlopen fail: %s\n", __FUNCTION__, err);
             return;
         }
@@ -59,7 +58,7 @@ static void loadPerfAPI(PerfLockAcqFn& acq, PerfLockRelFn& rel) {
     if (gPerfLockAcq == nullptr) {
         gPerfLockAcq = reinterpret_cast<PerfLockAcqFn>(dlsym(gPerfLibHandle, "perf_lock_acq"));
         if (gPerfLockAcq == nullptr) {
-            const char* err = dlerror();
+            const char* err = dlerror();  // NOLINT(concurrency-mt-unsafe): loads are serialised by gPerfLoadLock
             QRN_LOGW("[%s] perfLockAcq error: %s\n", __FUNCTION__, err);
             dlclose(gPerfLibHandle);
             gPerfLibHandle = nullptr;
@@ -70,7 +69,7 @@ static void loadPerfAPI(PerfLockAcqFn& acq, PerfLockRelFn& rel) {
     if (gPerfLockRel == nullptr) {
         gPerfLockRel = reinterpret_cast<PerfLockRelFn>(dlsym(gPerfLibHandle, "perf_lock_rel"));
         if (gPerfLockRel == nullptr) {
-            const char* err = dlerror();
+            const char* err = dlerror();  // NOLINT(concurrency-mt-unsafe): loads are serialised by gPerfLoadLock
             QRN_LOGW("[%s] perfLockRel error: %s\n", __FUNCTION__, err);
             dlclose(gPerfLibHandle);
             // The cached acquire entry points into the library just closed.
