@@ -17,45 +17,29 @@ class Properties : public ::testing::Test {
     void TearDown() override { qrnhost::properties::reset(); }
 };
 
-TEST_F(Properties, BooleansFollowTheDeviceWords) {
-    const char* yes[] = {"1", "y", "yes", "on", "true"};
-    const char* no[] = {"0", "n", "no", "off", "false"};
-    const char* neither[] = {"", "TRUE", "Yes", "2", "yes ", "t", "enable"};
-    for (const char* v : yes) {
-        property_set("t.bool", v);
-        EXPECT_EQ(1, property_get_bool("t.bool", 0)) << v;
+TEST_F(Properties, ParsingFollowsLibcutils) {
+    // Booleans: the device's words; anything else (case differs, blanks,
+    // unset) is the default.
+    const std::pair<const char*, int8_t> bools[] = {
+        {"1", 1},  {"y", 1},   {"yes", 1},   {"on", 1},    {"true", 1},  {"0", 0},  {"n", 0},
+        {"no", 0}, {"off", 0}, {"false", 0}, {"TRUE", -1}, {"yes ", -1}, {"2", -1}, {"", -1},
+    };
+    for (const auto& [v, want] : bools) {
+        property_set("t.b", v);
+        EXPECT_EQ(want, property_get_bool("t.b", -1)) << "'" << v << "'";
     }
-    for (const char* v : no) {
-        property_set("t.bool", v);
-        EXPECT_EQ(0, property_get_bool("t.bool", 1)) << v;
-    }
-    for (const char* v : neither) {
-        property_set("t.bool", v);
-        EXPECT_EQ(1, property_get_bool("t.bool", 1)) << "'" << v << "'";
-        EXPECT_EQ(0, property_get_bool("t.bool", 0)) << "'" << v << "'";
-    }
-    EXPECT_EQ(1, property_get_bool("t.unset", 1));
-    EXPECT_EQ(0, property_get_bool(nullptr, 0));
-}
-
-TEST_F(Properties, IntegersUseBaseZeroWithinTheirRange) {
+    // Integers: base 0, a leading number is enough, the type's range.
     struct Case {
         const char* value;
         int64_t want64;
         int32_t want32;
     } cases[] = {
-            {"42", 42, 42},
-            {"-7", -7, -7},
-            {"0x10", 16, 16},
-            {"010", 8, 8},      // octal, as libcutils reads it
-            {"12abc", 12, 12},  // a leading number is enough
-            {"abc", -1, -1},
-            {"", -1, -1},
-            {"2147483648", 2147483648LL, -1},  // out of the 32-bit range
-            {"-2147483649", -2147483649LL, -1},
-            {"9223372036854775807", INT64_MAX, -1},
-            {"9223372036854775808", -1, -1},  // overflow
-            {"1073741824", 1073741824, 1073741824},
+        {"0x10", 16, 16},
+        {"010", 8, 8},
+        {"12abc", 12, 12},
+        {"abc", -1, -1},
+        {"2147483648", 2147483648LL, -1},
+        {"9223372036854775808", -1, -1},
     };
     for (const auto& c : cases) {
         property_set("t.int", c.value);
@@ -64,23 +48,14 @@ TEST_F(Properties, IntegersUseBaseZeroWithinTheirRange) {
     }
 }
 
-TEST_F(Properties, SetGetClearAndLimits) {
+TEST_F(Properties, ValueLimitAndClear) {
     char buf[PROPERTY_VALUE_MAX];
-    EXPECT_EQ(3, property_get("t.none", buf, "def"));
-    EXPECT_STREQ("def", buf);
-    EXPECT_EQ(0, property_set("t.s", "value"));
-    EXPECT_EQ(5, property_get("t.s", buf, "def"));
-    EXPECT_STREQ("value", buf);
-    qrnhost::properties::clear("t.s");
-    EXPECT_EQ(0, property_get("t.s", buf, nullptr));
-    EXPECT_STREQ("", buf);
-
     std::string longest(PROPERTY_VALUE_MAX - 1, 'x');
     EXPECT_EQ(0, property_set("t.long", longest.c_str()));
-    EXPECT_EQ(-1, property_set("t.long", (longest + "x").c_str()));
+    EXPECT_EQ(-1, property_set("t.long", (longest + "x").c_str()));  // refused, as on a device
     EXPECT_EQ(static_cast<int>(longest.size()), property_get("t.long", buf, ""));
-    EXPECT_EQ(-1, property_set(nullptr, "v"));
-    EXPECT_EQ(-1, property_set("t.k", nullptr));
+    qrnhost::properties::clear("t.long");
+    EXPECT_EQ(3, property_get("t.long", buf, "def"));
 }
 
 TEST_F(Properties, StartupFileIsLoadedBeforeTheFirstRead) {
@@ -99,16 +74,11 @@ TEST_F(Properties, StartupFileIsLoadedBeforeTheFirstRead) {
 
 TEST_F(Properties, MalformedFileIsRefusedWhole) {
     qrntest::TempDir dir;
-    std::string path = dir.file("bad");
-    qrntest::writeFile(path, "a=1\nnot an assignment\nb=2\n");
+    qrntest::writeFile(dir.file("bad"), "a=1\nnot an assignment\nb=2\n");
     int line = 0;
-    EXPECT_EQ(-1, qrnhost::properties::loadFile(path, &line));
+    EXPECT_EQ(-1, qrnhost::properties::loadFile(dir.file("bad"), &line));
     EXPECT_EQ(2, line);
     EXPECT_EQ(-1, property_get_int32("a", -1));
-    EXPECT_EQ(-1, qrnhost::properties::loadFile(dir.file("missing")));
-    EXPECT_TRUE(qrnhost::properties::setFromAssignment("c = 3"));
-    EXPECT_EQ(3, property_get_int32("c", 0));
-    EXPECT_FALSE(qrnhost::properties::setFromAssignment("=3"));
 }
 
 TEST_F(Properties, ConcurrentReadersAndWritersAgree) {
