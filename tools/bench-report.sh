@@ -14,7 +14,7 @@ mkdir -p "$out"
 for bin in build/default/bin/*_bench; do
   name=$(basename "$bin")
   echo "running $name" >&2
-  "$bin" --benchmark_repetitions=3 --benchmark_report_aggregates_only=true \
+  "$bin" \
     --benchmark_out="$out/$name.json" --benchmark_out_format=json "$@" >/dev/null
 done
 python3 tools/ci/bench_report.py "$out" bench/pairs.tsv build/default/bench-report.md

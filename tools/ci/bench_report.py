@@ -4,7 +4,8 @@ their baselines from the same run, and the ratios.
 
 bench/pairs.tsv lists, one pair a line (tab-separated):
     binary  figure  baseline  metric  goal  note
-metric is "time" (real time per iteration) or the name of a user counter;
+metric is "time" (real time per iteration), "cpu" (CPU time per iteration)
+or the name of a user counter;
 ratio = figure / baseline of that metric. goal is one of
     ratio<=X    the figure costs at most X times the baseline
     speed>=X    the figure runs at least X times the baseline's speed
@@ -30,10 +31,10 @@ def load(results_dir):
 
 
 def value(b, metric):
-    if metric == "time":
+    if metric in ("time", "cpu"):
         unit = b.get("time_unit", "ns")
         scale = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}[unit]
-        return b["real_time"] * scale, "ns"
+        return b["real_time" if metric == "time" else "cpu_time"] * scale, "ns"
     return float(b[metric]), metric
 
 
@@ -71,7 +72,7 @@ def main():
         if goal.startswith("ratio<="):
             met = "yes" if ratio <= float(goal[7:]) else "no"
         elif goal.startswith("speed>="):
-            speed = (1 / ratio) if metric == "time" else ratio
+            speed = (1 / ratio) if metric in ("time", "cpu") else ratio
             met = "yes" if speed >= float(goal[7:]) else "no"
         elif goal.startswith("abs<="):
             met = "yes" if fv <= float(goal[5:]) else "no"
