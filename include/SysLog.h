@@ -72,6 +72,20 @@ __attribute__((format(printf, 4, 5))) inline void ulogPrint(uint32_t module, con
     ULogger::sULogger->logNormal(module, tag, level, buf, static_cast<int64_t>(n));
 }
 
+// The source path for the error suffix, from this library's "utils/" on. A
+// device build records paths from the top of the platform tree; a host
+// build from the repository (the build maps its prefix away). Other files
+// keep the path their build records.
+constexpr const char* sourcePath(const char* file) {
+    const char* found = file;
+    for (const char* p = file; *p != '\0'; ++p) {
+        if (p[0] == 'u' && p[1] == 't' && p[2] == 'i' && p[3] == 'l' && p[4] == 's' && p[5] == '/' &&
+            (p == file || p[-1] == '/'))
+            found = p;
+    }
+    return found;
+}
+
 inline bool cameraTraceEnabled() {
     if (!atrace_is_ready.load(std::memory_order_acquire)) atrace_setup();
     return (atrace_enabled_tags & ATRACE_TAG_CAMERA) != 0;
@@ -117,7 +131,7 @@ inline void traceEnd() {
     do {                                                                                             \
         if (::qrncam::log::ULogger::sMode & ::qrncam::log::kSinkAndroid)                             \
             __android_log_print(ANDROID_LOG_ERROR, tag, fmt " (%s){#%d:%s}", ##__VA_ARGS__, __FUNCTION__, \
-                                __LINE__, __FILE__);                                                 \
+                                __LINE__, ::qrncam::log::sourcePath(__FILE__));                      \
         if (::qrncam::log::ULogger::sMode & ::qrncam::log::kSinkULog)                                \
             ::qrncam::log::ulogPrint(module, tag, ::qrncam::log::kULogError, fmt, ##__VA_ARGS__);    \
     } while (0)
@@ -179,7 +193,7 @@ class ScopedFunctionTrace {
     do {                                                                                             \
         if (qrncam_testLog(FC_LOG_TAG_, 'E'))                                                        \
             __android_log_print(ANDROID_LOG_ERROR, FC_LOG_TAG_, fmt " (%s){#%d:%s}", ##__VA_ARGS__,  \
-                                __FUNCTION__, __LINE__, __FILE__);                                   \
+                                __FUNCTION__, __LINE__, ::qrncam::log::sourcePath(__FILE__));        \
     } while (0)
 
 #define FC_LOGI(flag, fmt, ...)                                                                      \

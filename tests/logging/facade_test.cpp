@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <string>
+#include <string_view>
 
 #include "Capture.h"
 
@@ -187,4 +188,12 @@ TEST(FileCacheForm, FlagFirstThenSwitchThenAndroidLogOnly) {
     qrncam::stdutils::setTestLogHook(nullptr);
 }
 
+}  // namespace
+
+namespace {
+// A device build records paths from the top of the platform tree.
+static_assert(std::string_view(qrncam::log::sourcePath("vendor/x/camera/utils/sys/FileCache.cpp")) ==
+              "utils/sys/FileCache.cpp");
+static_assert(std::string_view(qrncam::log::sourcePath("utils/sys/ThermalInfo.cpp")) == "utils/sys/ThermalInfo.cpp");
+static_assert(std::string_view(qrncam::log::sourcePath("tests/a/myutils/b.cpp")) == "tests/a/myutils/b.cpp");
 }  // namespace
