@@ -6,8 +6,12 @@
 
 #include <qrnhost/PowerSim.h>
 #include <qrnhost/hidl.h>
+#include <algorithm>
 #include <cstring>
 #include <functional>
+#include <regex>
+#include <thread>
+#include <tuple>
 
 #include "Capture.h"
 
@@ -18,40 +22,29 @@ using qrntest::Sink;
 using Info = CpuCtrl::CPU_CTRL_INFO;
 using Range = CpuCtrl::CPU_CTRL_RANGE_INFO;
 
-bool isScopeLine(const std::string& t) {
-    return t.size() > 2 && t[t.size() - 2] == ' ' && strchr("+-", t.back());
-}
-
 class CpuCtrlTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        startSim({1800000, 2400000});
-        cap.clear();  // the creation lines of ctrl
-    }
-    void TearDown() override {
-        if (ctrl) ctrl->destroyInstance();
-        qrnhost::hidl::unregisterAll();
-    }
-    void startSim(std::vector<int32_t> freqs) {  // empty: a service with no cluster
-        Config c;
-        c.clusterMaxFreq = freqs;
-        c.cpufreqRoot = "/nonexistent";
-        c.defaultClusters = 0;
-        sim = startDefaultService(c);
-    }
-    // Service calls since the last take, "; "-separated.
+    void SetUp() override { startSim({1800000, 2400000}), cap.clear(); }  // cleared of the creation lines of ctrl
+    void TearDown() override { ctrl->destroyInstance(), qrnhost::hidl::unregisterAll(); }
+    // No clusters given: a service that reports none.
+    void startSim(std::vector<int32_t> freqs) { sim = startDefaultService({freqs, "/nonexistent", 0}); }
+    // Service calls since the last take, "; "-separated, without the
+    // "Scenario" and "SystemInfo" of their names; configScenario's last two
+    // parameters are shown only where they are not 0.
     std::string calls() {
         std::string out;
-        for (const Call& c : sim->journal()) out += (out.empty() ? "" : "; ") + c.toString();
+        for (const Call& c : sim->journal())
+            out += (out.empty() ? "" : "; ") +
+                   std::regex_replace(c.toString(), std::regex("Scenario|SystemInfo|, 0, 0(?=\\)$)"), "");
         sim->clearJournal();
         return out;
     }
-    // The controller's lines since the last take, without the scope lines;
-    // warnings marked "W ".
-    std::string logs() {
+    // The controller's lines of at least minPriority since the last take,
+    // without the "[f] +" and "[f] -" scope lines; warnings marked "W ".
+    std::string logs(int minPriority = ANDROID_LOG_DEBUG) {
         std::string out;
         for (const auto& r : cap.records(Sink::Android))
-            if (r.tag == "QrnCam/CpuCtrl" && !isScopeLine(r.text))
+            if (r.tag == "QrnCam/CpuCtrl" && r.text.rfind("] ") + 3 != r.text.size() && r.priority >= minPriority)
                 out += (out.empty() ? "" : " | ") + std::string(r.priority == ANDROID_LOG_WARN ? "W " : "") + r.text;
         cap.clear();
         return out;
@@ -59,220 +52,190 @@ class CpuCtrlTest : public ::testing::Test {
     qrntest::Capture cap{1, 5, 0x40007000};
     sp<SimPowerService> sim;
     CpuCtrl* ctrl = CpuCtrl::createInstance();
+    Info info{2, 2000, 4, -1000, 3};
+    Range range{1, 2, 3, 4, 5, 6, 7, 8, 2};
 };
 
-TEST_F(CpuCtrlTest, EveryLeavingUserDisablesButOnlyTheLastUnregisters) {
-    Info info{2, 2000, 4, 1000, 0};
+// One object with two users through every request kind in turn, then the
+// users leaving; each row gives the calls it must send ("..." = only their
+// end) and, where given, its lines.
+TEST_F(CpuCtrlTest, RequestsAndLeavingUsersDriveTheScenarios) {
+    Range partial{-1, 2, 3, -4, 500, -1, 700, 800, 0};
+    std::tuple<std::function<bool()>, std::string, std::string> rows[] = {
+        {[&] { return ctrl->enable(info); },
+         "register() -> 1; config(1, 1, 0, 4); config(1, 1, 1, 2); config(1, 2, 0, 4); config(1, 2, 1, 2); "
+         "config(1, 3, 0, -1000); config(1, 3, 1, 2000); config(1, 4, 0, -1000); config(1, 4, 1, 2000); "
+         "enable(1, 3000)",
+         "[enable] big(2/2000),little(4/-1000),timeout(3) | [enable] mPowerHalHandle:(1)"},
+        {[&] { return info.timeout = -5, ctrl->enable(info); }, "...; enable(2, 0)", ""},
+        // The previous request is withdrawn, not dropped, before the next one.
+        {[&] { return ctrl->enable(range); },
+         "disable(2); register() -> 3; config(3, 1, 0, 2); config(3, 1, 1, 1); config(3, 2, 0, 4); config(3, 2, 1, 3); "
+         "config(3, 3, 0, 6); config(3, 3, 1, 5); config(3, 4, 0, 8); config(3, 4, 1, 7); enable(3, 2000)",
+         ""},
+        // A negative big or little value leaves its pair out.
+        {[&] { return ctrl->enable(partial); },
+         "disable(3); register() -> 4; config(4, 4, 0, 800); config(4, 4, 1, 700); enable(4, 0)",
+         "[enable] MIN CORE:big/little(-1/2), MAX CORE:big/little(3/-4) | "
+         "[enable] MIN FREQ:big/little(500/700), MAX FREQ:big/little(-1/800) | [enable] timeout(0) | "
+         "[enable] mPowerHalHandle:(4) | [enable] CMD_SET_CPU_FREQ_BIG_LITTLE_MAX"},
+        {[&] { return ctrl->enablePreferIdle(); },
+         "disable(4); register() -> 5; config(5, 65, 1, 0); config(5, 79, 100, 0); enable(5, 0)",
+         "[enablePreferIdle] mPowerHalHandle:(5) | [enablePreferIdle] mPowerHalHandle=5 Cmd=65,79"},
+        // The boost pins every cluster's top frequency on the current scenario.
+        {[&] { return ctrl->enableBoost(2); },
+         "disable(5); query(1, 0) -> 2; query(4, 0) -> 1800000; config(5, 3, 0, 1800000); config(5, 4, 0, 1800000); "
+         "query(4, 1) -> 2400000; config(5, 3, 1, 2400000); config(5, 4, 1, 2400000); enable(5, 2000)",
+         "[enableBoost] modify CPU frequency: 1800000 | [enableBoost] modify CPU frequency: 2400000"},
+        {[&] { return ctrl->cpuPerformanceMode(5); },
+         "disable(5); register() -> 6; config(6, 5, 1, 0); enable(6, 5000)", ""},
+        {[&] { return ctrl->cpuPerformanceMode(-1); }, "...; enable(7, 268435455)", ""},
+        {[&] { return ctrl->disable(); }, "disable(7)", ""},
+        {[&] { return ctrl->disable(); }, "", "[disable] Not thing to disable"},
+        {[&] { return ctrl->resetTimeout(2); }, "enable(7, 2000)", ""},
+        {[&] { return ctrl->resetTimeout(0); }, "enable(7, 268435455)", ""},
+        // 7 is back on the service but still counted as withdrawn.
+        {[&] { return ctrl->cpuPerformanceMode(1); }, "register() -> 8; config(8, 5, 1, 0); enable(8, 1000)", ""},
+        {[&] { return ctrl->uninit(); }, "disable(8)", "[uninit] More user(1)"},
+        {[&] { return ctrl->enableBoost(0); }, "...; enable(8, 0)", ""},
+        {[&] { return ctrl->uninit(); }, "disable(8); unregister(8); disable(8)", "[uninit] Last user(0)"},
+        {[&] { return ctrl->uninit(); }, "", "W [uninit] No user(0)"},
+    };
     EXPECT_TRUE(ctrl->init() && ctrl->init());
     EXPECT_EQ("[init] First user(0) | [init] More user(1)", logs());
-    ctrl->enable(info), calls(), logs();
-    EXPECT_TRUE(ctrl->uninit());
-    EXPECT_EQ("disableScenario(1)", calls());
-    EXPECT_EQ("[uninit] More user(1)", logs());
-    ctrl->enable(info), calls(), logs();  // already withdrawn, so registered at once
-    EXPECT_TRUE(ctrl->uninit());
-    EXPECT_EQ("disableScenario(2); unregisterScenario(2); disableScenario(2)", calls());
-    EXPECT_TRUE(ctrl->uninit());
-    EXPECT_EQ("[uninit] Last user(0) | W [uninit] No user(0)", logs());
-    EXPECT_EQ("", calls());
-
-    ctrl->init(), ctrl->uninit();  // no scenario in this session: -1 is dropped as it is
-    EXPECT_EQ("unregisterScenario(-1); disableScenario(-1)", calls());
-    CpuCtrl* other = CpuCtrl::createInstance();  // with a count of its own
-    ctrl->init(), other->uninit();
-    EXPECT_EQ(
-        "[init] First user(0) | [uninit] Last user(0) | [createInstance]  | [CpuCtrlImp]  | [init] First user(0) | "
-        "W [uninit] No user(0)",
-        logs());
-    other->destroyInstance();
-    EXPECT_EQ("[~CpuCtrlImp] ", logs());
-}
-
-// One object through every request kind in turn; each row gives the calls
-// it must send ("..." = only their end) and, where given, its lines.
-TEST_F(CpuCtrlTest, EachRequestSendsItsScenarioAfterWithdrawingThePreviousOne) {
-    Info fixed{2, 2000, 4, -1000, 3}, noTimeout{2, 2000, 4, 1000, -5};
-    Range full{1, 2, 3, 4, 500, 600, 700, 800, 2}, partial{-1, 2, 3, -4, -1, 1000, 700, 800, 1};
-    Range none{-1, -1, -1, -1, -1, -1, -1, -1, 0};
-    struct Row {
-        std::function<bool()> request;
-        std::string calls, logs = {};
-    } rows[] = {
-        {[&] { return ctrl->enable(fixed); },
-         "registerScenario() -> 1; configScenario(1, 1, 0, 4, 0, 0); configScenario(1, 1, 1, 2, 0, 0); "
-         "configScenario(1, 2, 0, 4, 0, 0); configScenario(1, 2, 1, 2, 0, 0); configScenario(1, 3, 0, -1000, 0, 0); "
-         "configScenario(1, 3, 1, 2000, 0, 0); configScenario(1, 4, 0, -1000, 0, 0); "
-         "configScenario(1, 4, 1, 2000, 0, 0); enableScenario(1, 3000)",
-         "[enable] big(2/2000),little(4/-1000),timeout(3) | [enable] mPowerHalHandle:(1)"},
-        {[&] { return ctrl->enable(noTimeout); }, "...configScenario(2, 4, 1, 2000, 0, 0); enableScenario(2, 0)"},
-        {[&] { return ctrl->enable(full); },
-         "disableScenario(2); registerScenario() -> 3; configScenario(3, 1, 0, 2, 0, 0); "
-         "configScenario(3, 1, 1, 1, 0, 0); configScenario(3, 2, 0, 4, 0, 0); configScenario(3, 2, 1, 3, 0, 0); "
-         "configScenario(3, 3, 0, 600, 0, 0); configScenario(3, 3, 1, 500, 0, 0); configScenario(3, 4, 0, 800, 0, 0); "
-         "configScenario(3, 4, 1, 700, 0, 0); enableScenario(3, 2000)",
-         "[enable] MIN CORE:big/little(1/2), MAX CORE:big/little(3/4) | [enable] MIN FREQ:big/little(500/700), "
-         "MAX FREQ:big/little(600/800) | [enable] timeout(2) | [enable] mPowerHalHandle:(3) | "
-         "[enable] CMD_SET_CPU_CORE_BIG_LITTLE_MIN | [enable] CMD_SET_CPU_CORE_BIG_LITTLE_MAX | "
-         "[enable] CMD_SET_CPU_FREQ_BIG_LITTLE_MIN | [enable] CMD_SET_CPU_FREQ_BIG_LITTLE_MAX"},
-        {[&] { return ctrl->enable(partial); },
-         "disableScenario(3); registerScenario() -> 4; configScenario(4, 4, 0, 800, 0, 0); "
-         "configScenario(4, 4, 1, 700, 0, 0); enableScenario(4, 1000)"},
-        {[&] { return ctrl->enable(none); }, "disableScenario(4); registerScenario() -> 5; enableScenario(5, 0)"},
-        {[&] { return ctrl->enablePreferIdle(); },
-         "disableScenario(5); registerScenario() -> 6; configScenario(6, 65, 1, 0, 0, 0); "
-         "configScenario(6, 79, 100, 0, 0, 0); enableScenario(6, 0)",
-         "[enablePreferIdle] mPowerHalHandle:(6) | [enablePreferIdle] mPowerHalHandle=6 Cmd=65,79"},
-        {[&] { return ctrl->enableBoost(2); },
-         "disableScenario(6); querySystemInfo(1, 0) -> 2; querySystemInfo(4, 0) -> 1800000; "
-         "configScenario(6, 3, 0, 1800000, 0, 0); configScenario(6, 4, 0, 1800000, 0, 0); "
-         "querySystemInfo(4, 1) -> 2400000; configScenario(6, 3, 1, 2400000, 0, 0); "
-         "configScenario(6, 4, 1, 2400000, 0, 0); enableScenario(6, 2000)",
-         "[enableBoost] modify CPU frequency: 1800000 | [enableBoost] modify CPU frequency: 2400000"},
-        {[&] { return ctrl->enableBoost(0); }, "...; enableScenario(6, 0)"},
-        {[&] { return ctrl->cpuPerformanceMode(5); },
-         "disableScenario(6); registerScenario() -> 7; configScenario(7, 5, 1, 0, 0, 0); enableScenario(7, 5000)"},
-        {[&] { return ctrl->cpuPerformanceMode(-1); }, "...; enableScenario(8, 268435455)"},
-        {[&] { return ctrl->disable(); }, "disableScenario(8)"},
-        {[&] { return ctrl->disable(); }, "", "[disable] Not thing to disable"},
-        {[&] { return ctrl->resetTimeout(0); }, "enableScenario(8, 268435455)"},
-        {[&] { return ctrl->resetTimeout(2); }, "enableScenario(8, 2000)"},
-        // 8 is back on the service but still counted as withdrawn.
-        {[&] { return ctrl->enable(none); }, "registerScenario() -> 9; enableScenario(9, 0)"},
-    };
-    ctrl->init(), logs();
-    for (const Row& row : rows) {
-        EXPECT_TRUE(row.request()) << row.calls;
-        std::string got = calls(), lines = logs();
-        if (row.calls.rfind("...", 0) == 0)
-            EXPECT_EQ(row.calls.substr(3), got.substr(got.size() - std::min(got.size(), row.calls.size() - 3)));
-        else
-            EXPECT_EQ(row.calls, got);
-        if (!row.logs.empty()) {
-            EXPECT_EQ(row.logs, lines);
-        }
+    for (const auto& [request, wantCalls, wantLogs] : rows) {
+        EXPECT_TRUE(request()) << wantCalls;
+        std::string got = calls(), lines = logs(), want = wantCalls;
+        if (want.rfind("...", 0) == 0) want.erase(0, 3), got.erase(0, got.size() - std::min(got.size(), want.size()));
+        EXPECT_EQ(want, got);
+        EXPECT_EQ(wantLogs.empty() ? lines : wantLogs, lines);  // rows without lines leave them open
     }
+    // What stays on the service ("+": enabled): every scenario but the last,
+    // withdrawn, and the one that resetTimeout brought back.
+    std::string left;
+    for (const Scenario& s : sim->registered()) left += std::to_string(s.handle) + (s.enabled ? "+ " : " ");
+    EXPECT_EQ("1 2 3 4 5 6 7+ ", left);
 
-    // What stays on the service: every scenario but the last, withdrawn,
-    // and the one that resetTimeout brought back.
-    ctrl->uninit();
-    EXPECT_EQ("disableScenario(9); unregisterScenario(9); disableScenario(9)", calls());
-    std::vector<int32_t> left, active;
-    for (const Scenario& s : sim->registered()) left.push_back(s.handle);
-    for (const Scenario& s : sim->active()) active.push_back(s.handle);
-    EXPECT_EQ((std::vector<int32_t>{1, 2, 3, 4, 5, 6, 7, 8}), left);
-    EXPECT_EQ(std::vector<int32_t>{8}, active);
-
-    // A boost before any request acts on handle -1; a service without
-    // clusters gets no pins.
+    // A boost before any request acts on handle -1, which the last user
+    // drops as it is; a service without clusters gets no pins.
     startSim({});
-    ctrl->init();
-    EXPECT_TRUE(ctrl->enableBoost(0));
-    EXPECT_EQ("querySystemInfo(1, 0) -> 0; enableScenario(-1, 0)", calls());
+    EXPECT_TRUE(ctrl->init() && ctrl->enableBoost(0) && ctrl->uninit());
+    EXPECT_EQ("query(1, 0) -> 0; enable(-1, 0); unregister(-1); disable(-1)", calls());
 }
 
 TEST_F(CpuCtrlTest, RequestsFailWithoutUserOrWithoutService) {
-    Info info{1, 1, 1, 1, 0};
-    Range range{1, 1, 1, 1, 1, 1, 1, 1, 0};
-    auto requestAll = [&] {
-        return std::vector<bool>{ctrl->enable(info),       ctrl->enable(range),         ctrl->enableBoost(1),
-                                 ctrl->enablePreferIdle(), ctrl->cpuPerformanceMode(1), ctrl->resetTimeout(1),
-                                 ctrl->disable()};
-    };
     for (int session = 0; session < 2; ++session) {  // never used, then after its last user left
-        EXPECT_EQ(std::vector<bool>(7, false), requestAll());
+        for (bool ok : {ctrl->enable(info), ctrl->enable(range), ctrl->enableBoost(1), ctrl->enablePreferIdle(),
+                        ctrl->cpuPerformanceMode(1), ctrl->resetTimeout(1), ctrl->disable()})
+            EXPECT_FALSE(ok);
+        EXPECT_EQ("", calls());
         EXPECT_EQ(
             "W [enable] No user | W [enable] No user | W [enableBoost] No user | W [enablePreferIdle] No user | "
             "W [cpuPerformanceMode] No user | W [resetTimeout] No user | W [disable] No user",
             logs());
         ctrl->init(), ctrl->enable(info), ctrl->uninit(), calls(), logs();
     }
-    EXPECT_EQ("", calls());
-
-    qrnhost::hidl::unregisterAll();
-    EXPECT_TRUE(ctrl->init());
-    // The boost is left out: it does not check the service.
-    EXPECT_EQ((std::vector<bool>{false, false, false, false, false, true}),
-              (std::vector<bool>{ctrl->enable(info), ctrl->enable(range), ctrl->enablePreferIdle(),
-                                 ctrl->cpuPerformanceMode(1), ctrl->resetTimeout(1), ctrl->disable()}));
+    // The boost is left out: it does not check the service. The last user
+    // must not use the missing one either.
+    qrnhost::hidl::unregisterAll(), ctrl->init();
+    for (bool ok : {ctrl->enable(info), ctrl->enable(range), ctrl->enablePreferIdle(), ctrl->cpuPerformanceMode(1),
+                    ctrl->resetTimeout(1)})
+        EXPECT_FALSE(ok);
     EXPECT_TRUE(ctrl->uninit());
     EXPECT_EQ(
-        "[init] First user(0) | [enable] big(1/1),little(1/1),timeout(0) | W [enable] mPowerHalService == NULL !!! | "
-        "[enable] MIN CORE:big/little(1/1), MAX CORE:big/little(1/1) | "
-        "[enable] MIN FREQ:big/little(1/1), MAX FREQ:big/little(1/1) | [enable] timeout(0) | "
-        "W [enable] IPower::getService() == NULL !!! | W [enablePreferIdle] mPowerHalService == NULL !!! | "
-        "W [cpuPerformanceMode] mPowerHalService == NULL !!! | W [resetTimeout] mPowerHalHandle is invalid !!! | "
-        "[disable] Not thing to disable | [uninit] Last user(0)",
-        logs());
+        "W [enable] mPowerHalService == NULL !!! | W [enable] IPower::getService() == NULL !!! | "
+        "W [enablePreferIdle] mPowerHalService == NULL !!! | W [cpuPerformanceMode] mPowerHalService == NULL !!! | "
+        "W [resetTimeout] mPowerHalHandle is invalid !!!",
+        logs(ANDROID_LOG_WARN));
 }
 
-TEST_F(CpuCtrlTest, TransportFailuresAreIgnoredUnlessAValueIsRead) {
-    ctrl->init(), ctrl->init();
-    sim->injectTransportFailure(Op::ConfigScenario, 3);
-    sim->injectTransportFailure(Op::EnableScenario);
-    EXPECT_TRUE(ctrl->cpuPerformanceMode(1) && ctrl->enableBoost(1));
-    EXPECT_EQ(2u, sim->registered().at(0).commands.size());  // the two pins of cluster 1 got through
-    EXPECT_EQ(1u, sim->active().size());
-    killDefaultService();  // every call now fails in transport
+// Calls whose result is not used may fail in transport without ending the
+// process, up to the last user's unregistering on a dead service.
+TEST_F(CpuCtrlTest, TransportFailuresOfCallsWithoutAValueAreIgnored) {
+    sim->injectTransportFailure(Op::ConfigScenario, 3), sim->injectTransportFailure(Op::EnableScenario);
+    EXPECT_TRUE(ctrl->init() && ctrl->init() && ctrl->cpuPerformanceMode(1) && ctrl->enableBoost(1));
+    killDefaultService();
     EXPECT_TRUE(ctrl->disable() && ctrl->resetTimeout(1) && ctrl->uninit() && ctrl->uninit());
     EXPECT_NE(std::string::npos, logs().find("[uninit] Last user(0)"));
+}
 
-    // Reading the value of a failed call ends the process, as on the device.
+using CpuCtrlDeathTest = CpuCtrlTest;
+TEST_F(CpuCtrlDeathTest, TransportFailureOfRegisterScenarioEndsTheProcess) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    startSim({1000});
-    ctrl->init();
-    EXPECT_DEATH(sim->injectTransportFailure(Op::RegisterScenario);
-                 ctrl->enablePreferIdle(), "Attempted to retrieve value from failed HIDL call");
-    EXPECT_DEATH(sim->injectTransportFailure(Op::QuerySystemInfo);
-                 ctrl->enableBoost(0), "Attempted to retrieve value from failed HIDL call");
-    EXPECT_DEATH(killDefaultService();
-                 ctrl->cpuPerformanceMode(0), "Attempted to retrieve value from failed HIDL call");
+    ctrl->init(), sim->injectTransportFailure(Op::RegisterScenario);
+    EXPECT_DEATH(ctrl->enablePreferIdle(), "Attempted to retrieve value from failed HIDL call");
 }
 
-TEST_F(CpuCtrlTest, OperationsRunInTheirTraceSectionsAndScopeLines) {
-    Info info{1, 1, 1, 1, 0};
-    ctrl->init(), ctrl->enable(info);
-    ctrl->enableBoost(0);  // withdraws the request through a nested disable()
-    ctrl->resetTimeout(0);
-    ctrl->uninit();  // and so does the leaving user
-    ctrl->destroyInstance();
-    ctrl = nullptr;
-    std::string seen;  // "{section" and "}" for the trace, and the scope lines, as written
-    for (const auto& r : cap.records()) {
-        if (r.sink == Sink::TraceBegin) seen += " {" + r.text;
-        if (r.sink == Sink::TraceEnd) seen += " }";
-        if (r.sink == Sink::Android && isScopeLine(r.text)) seen += " " + r.text;
+// The boost (as every request) and the leaving user withdraw the previous
+// request through a nested disable(), inside their own section. Every
+// section is named "CpuCtrl::<operation>" ("." below).
+TEST_F(CpuCtrlTest, OperationsRunInTheirTraceSections) {
+    ctrl->init(), ctrl->enable(info), ctrl->enableBoost(0), ctrl->resetTimeout(0), ctrl->uninit();
+    std::string seen;
+    for (const auto& r : cap.records())
+        seen += r.sink == Sink::TraceBegin ? r.text + "(" : r.sink == Sink::TraceEnd ? ")" : "";
+    EXPECT_EQ(".init().enable().enableBoost(.disable()).resetTimeout().uninit(.disable())",
+              std::regex_replace(seen, std::regex("CpuCtrl::"), "."));
+}
+
+// Users come and go on one object from several threads while requesting.
+// Replayed, the journal must read as the calls of one serialised controller:
+// the calls of one operation follow each other from one thread, and each
+// carries the handle the controller holds.
+TEST_F(CpuCtrlTest, UsersAndRequestsFromSeveralThreadsStayConsistent) {
+    std::function<bool()> requests[] = {
+        [&] { return ctrl->enable(info); },          [&] { return ctrl->enable(range); },
+        [&] { return ctrl->enableBoost(1); },        [&] { return ctrl->enablePreferIdle(); },
+        [&] { return ctrl->cpuPerformanceMode(1); }, [&] { return ctrl->disable(); },
+        [&] { return ctrl->resetTimeout(1), true; },  // false while no scenario is registered
+    };
+    std::vector<std::thread> threads;
+    for (unsigned t = 0; t < 4; ++t)
+        threads.emplace_back([&, t] {  // each thread through its own order of requests
+            for (unsigned r = 0; r < 100; ++r)
+                EXPECT_TRUE(ctrl->init() && requests[(r + t) % 7]() && requests[(r * 3 + t) % 7]() && ctrl->uninit());
+        });
+    // A deadlock around the nested disable() hangs here, until ctest's timeout.
+    for (auto& t : threads) t.join();
+
+    std::vector<Call> j = sim->journal();
+    int32_t current = -1;
+    for (size_t i = 0; i < j.size() && !HasFailure(); ++i) {
+        Op prev = i ? j[i - 1].op : Op::EnableScenario;  // enable and disable end an operation
+        bool continues = prev != Op::EnableScenario && prev != Op::DisableScenario;
+        EXPECT_TRUE(!continues || j[i - 1].tid == j[i].tid) << j[i].toString() << " at " << i;
+        if (j[i].op == Op::RegisterScenario) current = j[i].result;
+        if (j[i].op == Op::RegisterScenario || j[i].op == Op::QuerySystemInfo) continue;
+        EXPECT_EQ(current, j[i].args.at(0)) << j[i].toString() << " at " << i;
+        // Only the boost may enable -1; resetTimeout and disable() check it.
+        EXPECT_TRUE(continues || j[i].op == Op::UnregisterScenario || current != -1) << j[i].toString() << " at " << i;
+        if (prev == Op::UnregisterScenario) current = -1;
     }
-    EXPECT_EQ(
-        " {CpuCtrl::init [init] + [init] - } {CpuCtrl::enable [enable] + [enable] - }"
-        " {CpuCtrl::enableBoost [enableBoost] + {CpuCtrl::disable [disable] + [disable] - } [enableBoost] - }"
-        " {CpuCtrl::resetTimeout [resetTimeout] + [resetTimeout] - }"
-        " {CpuCtrl::uninit [uninit] + {CpuCtrl::disable [disable] + [disable] - } [uninit] - }"
-        " [destroyInstance] + [destroyInstance] -",
-        seen);
+    std::vector<std::string> lines = cap.texts(Sink::Android, "QrnCam/CpuCtrl");
+    auto dropped = static_cast<long>(sim->calls(Op::UnregisterScenario).size());
+    EXPECT_EQ(dropped, std::count(lines.begin(), lines.end(), "[uninit] Last user(0)"));
+    EXPECT_EQ(dropped, std::count(lines.begin(), lines.end(), "[init] First user(0)"));
+    // The count is back to exactly none, and the lock is free.
+    cap.clear(), ctrl->disable(), ctrl->init();
+    EXPECT_EQ("W [disable] No user | [init] First user(0)", logs());
 }
 
-// Camera components built elsewhere call through the virtual table.
-template <typename F>
-ptrdiff_t slot(F f) {
-    ptrdiff_t r[2];  // two-word member pointer: function part, adjustment
-    static_assert(sizeof r == sizeof f);
-    memcpy(r, &f, sizeof r);
-#if defined(__aarch64__) || defined(__arm__)
-    return (r[1] & 1) ? r[0] / static_cast<ptrdiff_t>(sizeof(void*)) : -1;
-#else
-    return (r[0] & 1) ? (r[0] - 1) / static_cast<ptrdiff_t>(sizeof(void*)) : -1;
-#endif
-}
-
+// Camera components built elsewhere call through the virtual table. A member
+// pointer to a virtual holds its byte offset in the table (odd-marked on some
+// targets).
 TEST(CpuCtrlAbi, VirtualOperationsKeepTheirSlots) {
-    // Slots 0 and 1 hold the two destructor forms.
-    EXPECT_EQ(
-        (std::vector<ptrdiff_t>{2, 3, 4, 5, 6, 7, 8, 9, 10, 11}),
-        (std::vector<ptrdiff_t>{slot(&CpuCtrl::destroyInstance), slot(&CpuCtrl::init), slot(&CpuCtrl::uninit),
-                                slot(static_cast<bool (CpuCtrl::*)(Info&)>(&CpuCtrl::enable)),
-                                slot(static_cast<bool (CpuCtrl::*)(Range&)>(&CpuCtrl::enable)),
-                                slot(&CpuCtrl::enableBoost), slot(&CpuCtrl::enablePreferIdle), slot(&CpuCtrl::disable),
-                                slot(&CpuCtrl::cpuPerformanceMode), slot(&CpuCtrl::resetTimeout)}));
+    auto slot = [](auto f) {
+        ptrdiff_t w[2];
+        memcpy(w, &f, sizeof w);
+        return (w[0] & ~1) / static_cast<ptrdiff_t>(sizeof(void*));
+    };
+    ptrdiff_t next = 2;  // after the two destructor forms
+    for (ptrdiff_t s : {slot(&CpuCtrl::destroyInstance), slot(&CpuCtrl::init), slot(&CpuCtrl::uninit),
+                        slot(static_cast<bool (CpuCtrl::*)(Info&)>(&CpuCtrl::enable)),
+                        slot(static_cast<bool (CpuCtrl::*)(Range&)>(&CpuCtrl::enable)), slot(&CpuCtrl::enableBoost),
+                        slot(&CpuCtrl::enablePreferIdle), slot(&CpuCtrl::disable), slot(&CpuCtrl::cpuPerformanceMode),
+                        slot(&CpuCtrl::resetTimeout)})
+        EXPECT_EQ(next++, s);
 }
 
 }  // namespace
