@@ -1,44 +1,15 @@
 // Runs the perf-lock loader in a process of its own (its state is
-// process-wide): constructs controllers one after the other and prints what
-// each construction did, for loader_test to check. Linked with the static
-// library so that the only way to the perf-lock library is LD_LIBRARY_PATH.
+// process-wide): constructs two controllers one after the other, prints what
+// each construction did, then the results of the six operations, for
+// loader_test to check. Linked with the static library so that the only way
+// to the perf-lock library is LD_LIBRARY_PATH.
 #include <Cam3CPUCtrlImp.h>
 #include <Capture.h>
 #include <dlfcn.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 
-#include <atomic>
-#include <string>
-
-namespace Utils {
-struct Cam3CPUCtrlPeer {
-    static bool hasAcq(const Cam3CPUCtrlImp* c) { return c->mPerfLockAcq != nullptr; }
-    static bool hasRel(const Cam3CPUCtrlImp* c) { return c->mPerfLockRel != nullptr; }
-};
-}  // namespace Utils
-
-namespace {
-
-std::atomic<int> gPerfDlopens{0};
-
-bool perfLibMapped() {
-    return qrntest::readFile("/proc/self/maps").find("libqrnperf_client_vendor.so") != std::string::npos;
-}
-
-// One captured line: level letter and text, newlines shown as \n.
-void printLines(const qrntest::Capture& cap) {
-    for (const auto& r : cap.records(qrntest::Sink::Android)) {
-        if (r.tag != "Cam3CPUCtrl_util") continue;
-        if (r.text == "[createInstance] " || r.text == "[Cam3CPUCtrlImp] ") continue;
-        std::string text;
-        for (char ch : r.text) text += ch == '\n' ? std::string("\\n") : std::string(1, ch);
-        printf("  %c %s\n", r.priority == 3 ? 'D' : r.priority == 5 ? 'W' : '?', text.c_str());
-    }
-}
-
-}  // namespace
+static int gPerfDlopens = 0;
 
 // Counts the loader's attempts; everything else goes straight through.
 extern "C" void* dlopen(const char* file, int mode) {
@@ -48,30 +19,38 @@ extern "C" void* dlopen(const char* file, int mode) {
     return real(file, mode);
 }
 
-int main(int argc, char** argv) {
-    const int rounds = argc > 1 ? atoi(argv[1]) : 1;
-    qrntest::Capture cap(1, 5, 0x00107000, false);
-    for (int i = 1; i <= rounds; ++i) {
-        cap.clear();
-        const int before = gPerfDlopens.load();
-        auto* c = static_cast<Utils::Cam3CPUCtrlImp*>(Utils::Cam3CPUCtrl::createInstance());
-        printf("round %d dlopen=%d acq=%d rel=%d mapped=%d\n", i, gPerfDlopens.load() - before,
-               Utils::Cam3CPUCtrlPeer::hasAcq(c), Utils::Cam3CPUCtrlPeer::hasRel(c), perfLibMapped());
-        printLines(cap);
-        if (i == rounds) {
+namespace Utils {
+struct Cam3CPUCtrlPeer {
+    static void run() {
+        qrntest::Capture cap(1, 5, 0x00107000, false);
+        for (int round = 1; round <= 2; ++round) {
             cap.clear();
-            // One at a time: the order of the log lines is part of the report.
-            const bool camera = c->enterCameraPerf();
-            const bool boost = c->enterCPUBoost(10);
-            const bool noTempa = c->enterNoTempa();
-            const bool cameraOff = c->exitCameraPerf();
-            const bool boostOff = c->exitCPUBoost();
-            const bool noTempaOff = c->exitNoTempa();
-            printf("ops %d %d %d %d %d %d\n", camera, boost, noTempa, cameraOff, boostOff, noTempaOff);
-            printLines(cap);
+            const int before = gPerfDlopens;
+            auto* c = static_cast<Cam3CPUCtrlImp*>(Cam3CPUCtrl::createInstance());
+            const bool mapped =
+                qrntest::readFile("/proc/self/maps").find("libqrnperf_client_vendor.so") != std::string::npos;
+            printf("round %d dlopen=%d acq=%d rel=%d mapped=%d\n", round, gPerfDlopens - before,
+                   c->mPerfLockAcq != nullptr, c->mPerfLockRel != nullptr, mapped);
+            // What the loader logged: level letter and text, newlines shown as \n.
+            for (const auto& r : cap.records(qrntest::Sink::Android)) {
+                if (r.tag != "Cam3CPUCtrl_util" || r.text == "[createInstance] " || r.text == "[Cam3CPUCtrlImp] ")
+                    continue;
+                std::string text;
+                for (char ch : r.text) text += ch == '\n' ? std::string("\\n") : std::string(1, ch);
+                printf("  %c %s\n", "??VDIWEF"[r.priority & 7], text.c_str());
+            }
+            if (round == 2) {
+                // Without the library the enters must decline, not call through a stale pointer.
+                const bool r[] = {c->enterCameraPerf(), c->enterCPUBoost(10), c->enterNoTempa(),
+                                  c->exitCameraPerf(),  c->exitCPUBoost(),    c->exitNoTempa()};
+                printf("ops %d %d %d %d %d %d\n", r[0], r[1], r[2], r[3], r[4], r[5]);
+            }
+            c->destroyInstance();
         }
-        c->destroyInstance();
     }
-    fflush(stdout);
-    return 0;
+};
+}  // namespace Utils
+
+int main() {
+    Utils::Cam3CPUCtrlPeer::run();
 }
