@@ -385,7 +385,7 @@ bool Cam3CPUCtrlImp::exitNoTempa() {
 }
 
 // ---------------------------------------------------------------------------
-// Power service binding. Kept last in the file: see the line marker below.
+// Power service binding.
 
 void Cam3CPUCtrlImp::__initPowerHAL() {
     QRN_FUNCTION_SCOPE("Cam3CPUCtrl::__initPowerHAL");
@@ -401,11 +401,8 @@ void Cam3CPUCtrlImp::__initPowerHAL() {
     // Either way the service stays bound; an unlinked death goes unnoticed.
     Return<bool> linked = mPowerHalService->linkToDeath(this, 0);
     if (!linked.isOk()) {
-        // Log triage matches this failure by its source line: keep it at 629.
-        // clang-format off
-#line 629
-        QRN_LOGE("[%s] Transaction error in linking to PowerHAL death: %s", __FUNCTION__, linked.description().c_str());
-        // clang-format on
+        QRN_LOGE("[%s] Transaction error in linking to PowerHAL death: %s", __FUNCTION__,
+                 linked.description().c_str());
     } else if (!static_cast<bool>(linked)) {
         QRN_LOGW("[%s] Unable to link to PowerHAL death notifications", __FUNCTION__);
     }

@@ -20,11 +20,6 @@
 // temperature node that holds no number is a broken driver; the conversion
 // exception is left to the caller, who knows whether to retry or give up.
 //
-// ERROR lines carry the error suffix " (function){#line:file}" in the
-// Android log. Log-analysis tools on devices key on that suffix, so the two
-// ERROR calls below must stay on lines 81 and 104 of this file: when
-// editing above them, move text rather than adding or removing lines.
-//
 // Nothing is cached and the two functions share no state, so any thread may
 // call them. Two concurrent mode writes race at the node like any two
 // writers of a file.
