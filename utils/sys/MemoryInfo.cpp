@@ -26,6 +26,16 @@ int64_t kbToBytes(int32_t kb) {
     return static_cast<int64_t>(kb) * 1024;
 }
 
+// Hands every line of the file to onLine, in order. The buffer starts at
+// 256 bytes and getline enlarges it for a longer line.
+template <typename OnLine>
+void forEachLine(FILE* file, OnLine&& onLine) {
+    size_t size = kLineBufferSize;
+    char* line = static_cast<char*>(malloc(size));
+    while (getline(&line, &size, file) >= 0) onLine(line);
+    free(line);
+}
+
 }  // namespace
 
 int64_t getFreeMemorySize() {
@@ -37,12 +47,10 @@ int64_t getFreeMemorySize() {
                                                            [](FILE* f) { fclose(f); });
     if (!file) return -1;
 
-    size_t size = kLineBufferSize;
-    char* line = static_cast<char*>(malloc(size));
     // Every line is looked at, so a repeated key takes its last value. The
     // prefixes are compared from the first character: "SwapCached" is not
     // "Cached".
-    while (getline(&line, &size, file.get()) >= 0) {
+    forEachLine(file.get(), [&](const char* line) {
         if (strncmp(line, "MemFree", 7) == 0) {
             sscanf(line, "%*s%d", &memFree);
         } else if (strncmp(line, "Buffers", 7) == 0) {
@@ -50,8 +58,7 @@ int64_t getFreeMemorySize() {
         } else if (strncmp(line, "Cached", 6) == 0) {
             sscanf(line, "%*s%d", &cached);
         }
-    }
-    free(line);
+    });
     file.reset();
 
     if (memFree < 0 || buffers < 0 || cached < 0) return -1;
@@ -65,14 +72,11 @@ int64_t getSystemTotalMemorySize() {
                                                            [](FILE* f) { fclose(f); });
     if (!file) return -1;
 
-    size_t size = kLineBufferSize;
-    char* line = static_cast<char*>(malloc(size));
-    while (getline(&line, &size, file.get()) >= 0) {
-        // Seven characters of "MemTotal": callers have always been matched
-        // this way, so any "MemTota..." line counts.
+    // Seven characters of "MemTotal": callers have always been matched this
+    // way, so any "MemTota..." line counts.
+    forEachLine(file.get(), [&](const char* line) {
         if (strncmp(line, "MemTota", 7) == 0) sscanf(line, "%*s%d", &total);
-    }
-    free(line);
+    });
     file.reset();
 
     if (total < 0) return -1;
