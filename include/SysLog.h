@@ -18,9 +18,9 @@
 #include <stdint.h>
 #include <stdio.h>
 
-#include <atomic>
 #include <qrncam/utils/TestLog.h>
 #include <qrncam/utils/ULog.h>
+#include <atomic>
 
 // <cutils/trace.h> declares these only inside its inline helpers, which does
 // not make them visible here; the facade calls them itself after its own
@@ -34,9 +34,9 @@ namespace log {
 using ULogger = ::NSCam::Utils::ULog::ULogger;
 
 // Module ids of the unified logger.
-constexpr uint32_t kModuleCpuCtrl = 0x40007001;     // "QrnCam/CpuCtrl"
-constexpr uint32_t kModuleCam3CPUCtrl = 0x00107001; // "Cam3CPUCtrl_util"
-constexpr uint32_t kModuleThermal = 0x40007001;     // "ThermalInfo"
+constexpr uint32_t kModuleCpuCtrl = 0x40007001;      // "QrnCam/CpuCtrl"
+constexpr uint32_t kModuleCam3CPUCtrl = 0x00107001;  // "Cam3CPUCtrl_util"
+constexpr uint32_t kModuleThermal = 0x40007001;      // "ThermalInfo"
 
 // Levels as the unified logger numbers them.
 constexpr int32_t kULogDebug = 5;
@@ -49,14 +49,18 @@ constexpr uint32_t kDebugChannels = 0x7000;
 constexpr size_t kULogLineMax = 1024;
 
 // The group bit of a module: the highest bit of its id.
-constexpr uint32_t groupBit(uint32_t module) { return module == 0 ? 0 : 1u << (31 - __builtin_clz(module)); }
+constexpr uint32_t groupBit(uint32_t module) {
+    return module == 0 ? 0 : 1u << (31 - __builtin_clz(module));
+}
 
 inline bool debugEnabled(uint32_t module) {
     return ULogger::sDetailsLevel >= 5u && (ULogger::sNormalDetailsMask & groupBit(module)) != 0 &&
            (ULogger::sNormalDetailsMask & kDebugChannels) != 0;
 }
 
-inline bool warnEnabled() { return ULogger::sDetailsLevel >= 2u; }
+inline bool warnEnabled() {
+    return ULogger::sDetailsLevel >= 2u;
+}
 
 // Formats one line into a 1024-byte stack buffer and hands it to the unified
 // logger. The length passed on is the formatter's result, unclamped: for a
@@ -105,35 +109,35 @@ inline void traceEnd() {
 // Sends one line to the sinks that sMode selects, the Android log first.
 // Arguments are evaluated once per enabled sink and not at all for a sink
 // that is off.
-#define QRN_LOG_SINKS_(prio, ulevel, module, tag, fmt, ...)                                          \
-    do {                                                                                             \
-        if (::qrncam::log::ULogger::sMode & ::qrncam::log::kSinkAndroid)                             \
-            __android_log_print(prio, tag, fmt, ##__VA_ARGS__);                                      \
-        if (::qrncam::log::ULogger::sMode & ::qrncam::log::kSinkULog)                                \
-            ::qrncam::log::ulogPrint(module, tag, ulevel, fmt, ##__VA_ARGS__);                       \
+#define QRN_LOG_SINKS_(prio, ulevel, module, tag, fmt, ...)                    \
+    do {                                                                       \
+        if (::qrncam::log::ULogger::sMode & ::qrncam::log::kSinkAndroid)       \
+            __android_log_print(prio, tag, fmt, ##__VA_ARGS__);                \
+        if (::qrncam::log::ULogger::sMode & ::qrncam::log::kSinkULog)          \
+            ::qrncam::log::ulogPrint(module, tag, ulevel, fmt, ##__VA_ARGS__); \
     } while (0)
 
-#define QRN_LOGD_M(module, tag, fmt, ...)                                                            \
-    do {                                                                                             \
-        if (::qrncam::log::debugEnabled(module))                                                     \
+#define QRN_LOGD_M(module, tag, fmt, ...)                                                                  \
+    do {                                                                                                   \
+        if (::qrncam::log::debugEnabled(module))                                                           \
             QRN_LOG_SINKS_(ANDROID_LOG_DEBUG, ::qrncam::log::kULogDebug, module, tag, fmt, ##__VA_ARGS__); \
     } while (0)
 
-#define QRN_LOGW_M(module, tag, fmt, ...)                                                            \
-    do {                                                                                             \
-        if (::qrncam::log::warnEnabled())                                                            \
+#define QRN_LOGW_M(module, tag, fmt, ...)                                                                \
+    do {                                                                                                 \
+        if (::qrncam::log::warnEnabled())                                                                \
             QRN_LOG_SINKS_(ANDROID_LOG_WARN, ::qrncam::log::kULogWarn, module, tag, fmt, ##__VA_ARGS__); \
     } while (0)
 
 // ERROR lines ignore the verbosity. The Android copy carries the suffix
 // " (function){#line:path}"; the unified logger's copy does not.
-#define QRN_LOGE_M(module, tag, fmt, ...)                                                            \
-    do {                                                                                             \
-        if (::qrncam::log::ULogger::sMode & ::qrncam::log::kSinkAndroid)                             \
-            __android_log_print(ANDROID_LOG_ERROR, tag, fmt " (%s){#%d:%s}", ##__VA_ARGS__, __FUNCTION__, \
-                                __LINE__, ::qrncam::log::sourcePath(__FILE__));                      \
-        if (::qrncam::log::ULogger::sMode & ::qrncam::log::kSinkULog)                                \
-            ::qrncam::log::ulogPrint(module, tag, ::qrncam::log::kULogError, fmt, ##__VA_ARGS__);    \
+#define QRN_LOGE_M(module, tag, fmt, ...)                                                                           \
+    do {                                                                                                            \
+        if (::qrncam::log::ULogger::sMode & ::qrncam::log::kSinkAndroid)                                            \
+            __android_log_print(ANDROID_LOG_ERROR, tag, fmt " (%s){#%d:%s}", ##__VA_ARGS__, __FUNCTION__, __LINE__, \
+                                ::qrncam::log::sourcePath(__FILE__));                                               \
+        if (::qrncam::log::ULogger::sMode & ::qrncam::log::kSinkULog)                                               \
+            ::qrncam::log::ulogPrint(module, tag, ::qrncam::log::kULogError, fmt, ##__VA_ARGS__);                   \
     } while (0)
 
 #define QRN_LOGD(fmt, ...) QRN_LOGD_M(QRN_LOG_MODULE, LOG_TAG, fmt, ##__VA_ARGS__)
@@ -189,23 +193,23 @@ class ScopedFunctionTrace {
 // while the flag is zero.
 #define FC_LOG_TAG_ "file_cache"
 
-#define FC_LOGE(fmt, ...)                                                                            \
-    do {                                                                                             \
-        if (qrncam_testLog(FC_LOG_TAG_, 'E'))                                                        \
-            __android_log_print(ANDROID_LOG_ERROR, FC_LOG_TAG_, fmt " (%s){#%d:%s}", ##__VA_ARGS__,  \
-                                __FUNCTION__, __LINE__, ::qrncam::log::sourcePath(__FILE__));        \
+#define FC_LOGE(fmt, ...)                                                                                         \
+    do {                                                                                                          \
+        if (qrncam_testLog(FC_LOG_TAG_, 'E'))                                                                     \
+            __android_log_print(ANDROID_LOG_ERROR, FC_LOG_TAG_, fmt " (%s){#%d:%s}", ##__VA_ARGS__, __FUNCTION__, \
+                                __LINE__, ::qrncam::log::sourcePath(__FILE__));                                   \
     } while (0)
 
-#define FC_LOGI(flag, fmt, ...)                                                                      \
-    do {                                                                                             \
-        if ((flag) && qrncam_testLog(FC_LOG_TAG_, 'I'))                                              \
-            __android_log_print(ANDROID_LOG_INFO, FC_LOG_TAG_, fmt, ##__VA_ARGS__);                  \
+#define FC_LOGI(flag, fmt, ...)                                                     \
+    do {                                                                            \
+        if ((flag) && qrncam_testLog(FC_LOG_TAG_, 'I'))                             \
+            __android_log_print(ANDROID_LOG_INFO, FC_LOG_TAG_, fmt, ##__VA_ARGS__); \
     } while (0)
 
-#define FC_LOGD(flag, fmt, ...)                                                                      \
-    do {                                                                                             \
-        if ((flag) && qrncam_testLog(FC_LOG_TAG_, 'D'))                                              \
-            __android_log_print(ANDROID_LOG_DEBUG, FC_LOG_TAG_, fmt, ##__VA_ARGS__);                 \
+#define FC_LOGD(flag, fmt, ...)                                                      \
+    do {                                                                             \
+        if ((flag) && qrncam_testLog(FC_LOG_TAG_, 'D'))                              \
+            __android_log_print(ANDROID_LOG_DEBUG, FC_LOG_TAG_, fmt, ##__VA_ARGS__); \
     } while (0)
 
 // The job queue's fatal texts: always written, no suffix, no switch.

@@ -1,8 +1,8 @@
 #include <qrncam/utils/JobQueueStatic.h>
 
+#include <qrncam/utils/TestLog.h>
 #include <atomic>
 #include <mutex>
-#include <qrncam/utils/TestLog.h>
 #include <system_error>
 
 namespace {
@@ -16,7 +16,9 @@ extern "C" int qrncam_testLog(const char* tag, int level) {
 }
 
 namespace qrncam::stdutils {
-void setTestLogHook(TestLogHook hook) { gHook.store(hook, std::memory_order_release); }
+void setTestLogHook(TestLogHook hook) {
+    gHook.store(hook, std::memory_order_release);
+}
 }  // namespace qrncam::stdutils
 
 namespace NSCam {

@@ -4,12 +4,12 @@
 #include <stdio.h>
 #include <string.h>
 
+#include <qrnhost/hidl.h>
+#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <map>
 #include <mutex>
-#include <qrnhost/hidl.h>
-#include <atomic>
 #include <thread>
 #include <utility>
 
@@ -101,7 +101,9 @@ return_status& return_status::operator=(return_status&& other) noexcept {
     return *this;
 }
 
-return_status::~return_status() { abortIfUnchecked(); }
+return_status::~return_status() {
+    abortIfUnchecked();
+}
 
 void return_status::abortIfUnchecked() const {
     // Checked flag first: isOk() would set it.
@@ -126,17 +128,19 @@ namespace V1_0 {
 const char* IBase::descriptor = "android.hidl.base@1.0::IBase";
 
 ::android::hardware::Return<bool> IBase::linkToDeath(
-        const ::android::sp<::android::hardware::hidl_death_recipient>& recipient, uint64_t) {
+    const ::android::sp<::android::hardware::hidl_death_recipient>& recipient, uint64_t) {
     // A service object in this process cannot die apart from its client.
     return recipient != nullptr;
 }
 
 ::android::hardware::Return<bool> IBase::unlinkToDeath(
-        const ::android::sp<::android::hardware::hidl_death_recipient>& recipient) {
+    const ::android::sp<::android::hardware::hidl_death_recipient>& recipient) {
     return recipient != nullptr;
 }
 
-::android::hardware::Return<void> IBase::ping() { return ::android::hardware::Void(); }
+::android::hardware::Return<void> IBase::ping() {
+    return ::android::hardware::Void();
+}
 
 }  // namespace V1_0
 }  // namespace base
@@ -237,8 +241,7 @@ Status Connection::transactionStatus() const {
     return alive() ? Status::ok() : Status::fromStatusT(::android::DEAD_OBJECT);
 }
 
-Return<bool> Connection::linkToDeath(const sp<hidl_death_recipient>& recipient, uint64_t cookie,
-                                     const wp<IBase>& who) {
+Return<bool> Connection::linkToDeath(const sp<hidl_death_recipient>& recipient, uint64_t cookie, const wp<IBase>& who) {
     std::lock_guard<std::mutex> g(mLock);
     if (mService == nullptr) return Status::fromStatusT(::android::DEAD_OBJECT);
     if (recipient == nullptr) return false;
@@ -332,10 +335,16 @@ void unregisterAll() {
     waitForRuntimeIdle();
 }
 
-void waitForRuntimeIdle() { runtime().waitIdle(); }
+void waitForRuntimeIdle() {
+    runtime().waitIdle();
+}
 
-void postToRuntime(std::function<void()> job) { runtime().post(std::move(job)); }
+void postToRuntime(std::function<void()> job) {
+    runtime().post(std::move(job));
+}
 
-bool onRuntimeThread() { return runtime().onThread(); }
+bool onRuntimeThread() {
+    return runtime().onThread();
+}
 
 }  // namespace qrnhost::hidl

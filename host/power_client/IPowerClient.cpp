@@ -34,8 +34,7 @@ class BpHwPower final : public qrnhost::hidl::Proxy<IPower> {
         if (s == nullptr) return st;
         return s->registerScenario();
     }
-    Return<void> configScenario(int32_t handle, int32_t cmd, int32_t p1, int32_t p2, int32_t p3,
-                                int32_t p4) override {
+    Return<void> configScenario(int32_t handle, int32_t cmd, int32_t p1, int32_t p2, int32_t p3, int32_t p4) override {
         Status st;
         sp<IPower> s = target(&st);
         if (s == nullptr) return st;

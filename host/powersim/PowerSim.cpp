@@ -1,14 +1,14 @@
 #include <stdint.h>
-#include <string.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <qrnhost/PowerSim.h>
+#include <qrnhost/hidl.h>
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <qrnhost/PowerSim.h>
-#include <qrnhost/hidl.h>
 #include <sstream>
 
 namespace qrnhost::power {
@@ -52,8 +52,7 @@ std::string Scenario::describe() const {
     if (enabled) out << " (timeout " << timeoutMs << " ms)";
     out << ", " << commands.size() << " command" << (commands.size() == 1 ? "" : "s");
     for (const auto& c : commands)
-        out << " [" << c[0] << ":" << c[1] << "," << c[2] << (c[3] || c[4] ? "," + std::to_string(c[3]) : "")
-            << "]";
+        out << " [" << c[0] << ":" << c[1] << "," << c[2] << (c[3] || c[4] ? "," + std::to_string(c[3]) : "") << "]";
     return out.str();
 }
 
@@ -264,6 +263,8 @@ sp<SimPowerService> startDefaultService(const Config& config) {
     return s;
 }
 
-bool killDefaultService() { return qrnhost::hidl::declareServiceDead(IPower::descriptor, "default"); }
+bool killDefaultService() {
+    return qrnhost::hidl::declareServiceDead(IPower::descriptor, "default");
+}
 
 }  // namespace qrnhost::power

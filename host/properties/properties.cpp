@@ -4,10 +4,10 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <qrnhost/properties.h>
 #include <fstream>
 #include <map>
 #include <mutex>
-#include <qrnhost/properties.h>
 #include <string>
 #include <utility>
 #include <vector>
@@ -42,8 +42,7 @@ bool splitAssignment(const std::string& line, std::string* key, std::string* val
     return !key->empty() && value->size() < PROPERTY_VALUE_MAX;
 }
 
-int parseFile(const std::string& path, std::vector<std::pair<std::string, std::string>>* out,
-              int* errorLine) {
+int parseFile(const std::string& path, std::vector<std::pair<std::string, std::string>>* out, int* errorLine) {
     std::ifstream in(path);
     if (!in) return -1;
     std::string line;
@@ -66,7 +65,8 @@ int parseFile(const std::string& path, std::vector<std::pair<std::string, std::s
 void ensureLoadedLocked(Store& s) {
     if (s.fileLoaded) return;
     s.fileLoaded = true;
-    const char* path = getenv(qrnhost::properties::kFileEnv);  // NOLINT(concurrency-mt-unsafe): read under the store's lock, nobody sets it
+    const char* path = getenv(
+        qrnhost::properties::kFileEnv);  // NOLINT(concurrency-mt-unsafe): read under the store's lock, nobody sets it
     if (!path || !*path) return;
     std::vector<std::pair<std::string, std::string>> kv;
     int errorLine = 0;

@@ -15,9 +15,9 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <qrnhost/trace.h>
 #include <atomic>
 #include <mutex>
-#include <qrnhost/trace.h>
 #include <string>
 
 extern "C" {
@@ -41,7 +41,9 @@ TraceState& state() {
     return *s;
 }
 
-int currentTid() { return static_cast<int>(syscall(SYS_gettid)); }
+int currentTid() {
+    return static_cast<int>(syscall(SYS_gettid));
+}
 
 void openKernelMarkerLocked(TraceState& s) {
     if (s.markerOverridden) return;
@@ -143,7 +145,9 @@ void setObserver(std::function<void(const Event&)> observer) {
     s.observer = std::move(observer);
 }
 
-void resetSetup() { atrace_is_ready.store(false, std::memory_order_release); }
+void resetSetup() {
+    atrace_is_ready.store(false, std::memory_order_release);
+}
 
 bool setMarkerPath(const std::string& path) {
     TraceState& s = state();

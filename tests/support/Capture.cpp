@@ -8,18 +8,20 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cutils/properties.h>
+#include <qrnhost/trace.h>
+#include <atomic>
 #include <filesystem>
 #include <fstream>
-#include <qrnhost/trace.h>
 #include <sstream>
 
 namespace qrntest {
 
 namespace {
 std::atomic<Capture*> gCurrent{nullptr};
-int tid() { return static_cast<int>(syscall(SYS_gettid)); }
+int tid() {
+    return static_cast<int>(syscall(SYS_gettid));
+}
 }  // namespace
 
 struct CaptureHooks {
@@ -105,9 +107,13 @@ std::vector<std::string> Capture::texts(Sink sink, const std::string& tag) const
     return out;
 }
 
-std::vector<std::string> Capture::sectionsBegun() const { return texts(Sink::TraceBegin); }
+std::vector<std::string> Capture::sectionsBegun() const {
+    return texts(Sink::TraceBegin);
+}
 
-size_t Capture::sectionsEnded() const { return records(Sink::TraceEnd).size(); }
+size_t Capture::sectionsEnded() const {
+    return records(Sink::TraceEnd).size();
+}
 
 bool Capture::hasAndroid(int priority, const std::string& tag, const std::string& text) const {
     for (auto& r : records(Sink::Android))
@@ -120,7 +126,9 @@ void Capture::clear() {
     mRecords.clear();
 }
 
-Capture* Capture::current() { return gCurrent.load(); }
+Capture* Capture::current() {
+    return gCurrent.load();
+}
 
 ChildResult runChild(const std::vector<std::string>& argv, const std::vector<std::string>& env) {
     ChildResult res;

@@ -6,8 +6,8 @@
 
 #include <stdint.h>
 
-#include <mutex>
 #include <qrncam/utils/ULog.h>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -17,13 +17,13 @@ enum class Sink { Android, ULog, TraceBegin, TraceEnd };
 
 struct Record {
     Sink sink;
-    int priority = 0;       // Android priority (Android sink)
-    int32_t level = 0;      // unified-logger level (ULog sink)
-    uint32_t module = 0;    // ULog sink
-    std::string tag;        // both log sinks
-    std::string text;       // message, or section name for TraceBegin
-    int64_t length = 0;     // ULog sink: the length argument as passed
-    size_t held = 0;        // ULog sink: strlen of the buffer handed over
+    int priority = 0;     // Android priority (Android sink)
+    int32_t level = 0;    // unified-logger level (ULog sink)
+    uint32_t module = 0;  // ULog sink
+    std::string tag;      // both log sinks
+    std::string text;     // message, or section name for TraceBegin
+    int64_t length = 0;   // ULog sink: the length argument as passed
+    size_t held = 0;      // ULog sink: strlen of the buffer handed over
     int tid = 0;
 };
 
@@ -32,8 +32,7 @@ struct Record {
 // installs itself as sULogger.
 class Capture : public NSCam::Utils::ULog::ULogger {
   public:
-    explicit Capture(uint32_t mode = 3, uint32_t detailsLevel = 5, uint32_t mask = 0x40107000,
-                     bool cameraTrace = true);
+    explicit Capture(uint32_t mode = 3, uint32_t detailsLevel = 5, uint32_t mask = 0x40107000, bool cameraTrace = true);
     ~Capture() override;
 
     void logNormal(uint32_t moduleId, const char* tag, int32_t level, const char* text, int64_t length) override;

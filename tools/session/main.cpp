@@ -30,13 +30,6 @@
 #include <IFileCache.h>
 #include <MemoryInfo.h>
 #include <ThermalInfo.h>
-#include <algorithm>
-#include <atomic>
-#include <chrono>
-#include <filesystem>
-#include <fstream>
-#include <map>
-#include <mutex>
 #include <qrncam/utils/ULog.h>
 #include <qrnhost/PerfSim.h>
 #include <qrnhost/PowerSim.h>
@@ -44,6 +37,13 @@
 #include <qrnhost/kernelfs.h>
 #include <qrnhost/properties.h>
 #include <qrnhost/trace.h>
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <mutex>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -75,25 +75,25 @@ struct Options {
 };
 
 const char* kUsage =
-        "usage: qrncam_session [options]\n"
-        "Runs a camera session on the host against the simulated vendor power service,\n"
-        "perf-lock library and kernel nodes, then reports what it did.\n"
-        "\n"
-        "  --out DIR           work in DIR (kept) instead of a fresh temporary directory\n"
-        "  --keep              keep the temporary directory and the dump files\n"
-        "  --prop KEY=VALUE    set a system property before the session (repeatable), e.g.\n"
-        "                      --prop vendor.cam3dev.cpupreferidle=1\n"
-        "  --mode N            unified logger sMode: bit 0 Android log, bits 1-3 unified logger (default 1)\n"
-        "  --level N           sDetailsLevel: 5 shows DEBUG, 2 WARN, 1 only ERROR (default 5)\n"
-        "  --mask N            sNormalDetailsMask (default 0x40107000: both controllers' DEBUG lines)\n"
-        "  --frames N          frames in the capture burst, split over two threads (default 60)\n"
-        "  --frame-size SIZE   bytes per frame, K/M/G suffixes allowed (default 12M)\n"
-        "  --frames-per-file N frames dumped into one file (default 10)\n"
-        "  --fps N             frames per second of each capture thread, 0 for no pacing (default 60)\n"
-        "  --budget SIZE       file cache budget (vendor.debug.file_cache.storage_size, default 200M)\n"
-        "  --trace FILE        write the trace sections to FILE (\"B|pid|name\" / \"E|pid\")\n"
-        "  --quiet-log         do not print log lines\n"
-        "  --help              this text\n";
+    "usage: qrncam_session [options]\n"
+    "Runs a camera session on the host against the simulated vendor power service,\n"
+    "perf-lock library and kernel nodes, then reports what it did.\n"
+    "\n"
+    "  --out DIR           work in DIR (kept) instead of a fresh temporary directory\n"
+    "  --keep              keep the temporary directory and the dump files\n"
+    "  --prop KEY=VALUE    set a system property before the session (repeatable), e.g.\n"
+    "                      --prop vendor.cam3dev.cpupreferidle=1\n"
+    "  --mode N            unified logger sMode: bit 0 Android log, bits 1-3 unified logger (default 1)\n"
+    "  --level N           sDetailsLevel: 5 shows DEBUG, 2 WARN, 1 only ERROR (default 5)\n"
+    "  --mask N            sNormalDetailsMask (default 0x40107000: both controllers' DEBUG lines)\n"
+    "  --frames N          frames in the capture burst, split over two threads (default 60)\n"
+    "  --frame-size SIZE   bytes per frame, K/M/G suffixes allowed (default 12M)\n"
+    "  --frames-per-file N frames dumped into one file (default 10)\n"
+    "  --fps N             frames per second of each capture thread, 0 for no pacing (default 60)\n"
+    "  --budget SIZE       file cache budget (vendor.debug.file_cache.storage_size, default 200M)\n"
+    "  --trace FILE        write the trace sections to FILE (\"B|pid|name\" / \"E|pid\")\n"
+    "  --quiet-log         do not print log lines\n"
+    "  --help              this text\n";
 
 bool parseSize(const char* s, uint64_t* out) {
     char* end = nullptr;
@@ -101,9 +101,12 @@ bool parseSize(const char* s, uint64_t* out) {
     unsigned long long v = strtoull(s, &end, 0);
     if (end == s || errno) return false;
     uint64_t mul = 1;
-    if (*end == 'K' || *end == 'k') mul = 1ull << 10, ++end;
-    else if (*end == 'M' || *end == 'm') mul = 1ull << 20, ++end;
-    else if (*end == 'G' || *end == 'g') mul = 1ull << 30, ++end;
+    if (*end == 'K' || *end == 'k')
+        mul = 1ull << 10, ++end;
+    else if (*end == 'M' || *end == 'm')
+        mul = 1ull << 20, ++end;
+    else if (*end == 'G' || *end == 'g')
+        mul = 1ull << 30, ++end;
     if (*end) return false;
     if (v > UINT64_MAX / mul) return false;
     *out = v * mul;
@@ -121,16 +124,39 @@ bool parseU32(const char* s, uint32_t* out) {
 
 // Returns 0 to go on, or the exit status.
 int parseOptions(int argc, char** argv, Options* o) {
-    enum { kOut = 1, kKeep, kProp, kMode, kLevel, kMask, kFrames, kFrameSize, kPerFile, kFps, kBudget, kTrace, kQuiet, kHelp, kChild };
-    static const struct option longOpts[] = {
-            {"out", required_argument, nullptr, kOut},          {"keep", no_argument, nullptr, kKeep},
-            {"prop", required_argument, nullptr, kProp},        {"mode", required_argument, nullptr, kMode},
-            {"level", required_argument, nullptr, kLevel},      {"mask", required_argument, nullptr, kMask},
-            {"frames", required_argument, nullptr, kFrames},    {"frame-size", required_argument, nullptr, kFrameSize},
-            {"frames-per-file", required_argument, nullptr, kPerFile},
-            {"fps", required_argument, nullptr, kFps},          {"budget", required_argument, nullptr, kBudget},    {"trace", required_argument, nullptr, kTrace},
-            {"quiet-log", no_argument, nullptr, kQuiet},        {"help", no_argument, nullptr, kHelp},
-            {"child", no_argument, nullptr, kChild},            {nullptr, 0, nullptr, 0}};
+    enum {
+        kOut = 1,
+        kKeep,
+        kProp,
+        kMode,
+        kLevel,
+        kMask,
+        kFrames,
+        kFrameSize,
+        kPerFile,
+        kFps,
+        kBudget,
+        kTrace,
+        kQuiet,
+        kHelp,
+        kChild
+    };
+    static const struct option longOpts[] = {{"out", required_argument, nullptr, kOut},
+                                             {"keep", no_argument, nullptr, kKeep},
+                                             {"prop", required_argument, nullptr, kProp},
+                                             {"mode", required_argument, nullptr, kMode},
+                                             {"level", required_argument, nullptr, kLevel},
+                                             {"mask", required_argument, nullptr, kMask},
+                                             {"frames", required_argument, nullptr, kFrames},
+                                             {"frame-size", required_argument, nullptr, kFrameSize},
+                                             {"frames-per-file", required_argument, nullptr, kPerFile},
+                                             {"fps", required_argument, nullptr, kFps},
+                                             {"budget", required_argument, nullptr, kBudget},
+                                             {"trace", required_argument, nullptr, kTrace},
+                                             {"quiet-log", no_argument, nullptr, kQuiet},
+                                             {"help", no_argument, nullptr, kHelp},
+                                             {"child", no_argument, nullptr, kChild},
+                                             {nullptr, 0, nullptr, 0}};
     opterr = 0;
     int c;
     auto bad = [&](const char* what, const char* value) {
@@ -141,15 +167,24 @@ int parseOptions(int argc, char** argv, Options* o) {
         uint64_t size = 0;
         uint32_t u = 0;
         switch (c) {
-            case kOut: o->outDir = optarg; o->keep = true; break;
+            case kOut:
+                o->outDir = optarg;
+                o->keep = true;
+                break;
             case kKeep: o->keep = true; break;
             case kProp:
                 if (!strchr(optarg, '=') || optarg[0] == '=') return bad("--prop (want KEY=VALUE)", optarg);
                 o->props.emplace_back(optarg);
                 break;
-            case kMode: if (!parseU32(optarg, &o->mode)) return bad("--mode", optarg); break;
-            case kLevel: if (!parseU32(optarg, &o->level)) return bad("--level", optarg); break;
-            case kMask: if (!parseU32(optarg, &o->mask)) return bad("--mask", optarg); break;
+            case kMode:
+                if (!parseU32(optarg, &o->mode)) return bad("--mode", optarg);
+                break;
+            case kLevel:
+                if (!parseU32(optarg, &o->level)) return bad("--level", optarg);
+                break;
+            case kMask:
+                if (!parseU32(optarg, &o->mask)) return bad("--mask", optarg);
+                break;
             case kFrames:
                 if (!parseU32(optarg, &u) || u < 1 || u > 100000) return bad("--frames (1 to 100000)", optarg);
                 o->frames = static_cast<int>(u);
@@ -193,7 +228,9 @@ int parseOptions(int argc, char** argv, Options* o) {
 std::mutex gOutLock;
 bool gQuietLog = false;
 
-int tid() { return static_cast<int>(syscall(SYS_gettid)); }
+int tid() {
+    return static_cast<int>(syscall(SYS_gettid));
+}
 
 std::string stamp() {
     struct timespec ts;
@@ -473,9 +510,10 @@ int runSession(const Options& o, const std::string& dir) {
     }
 
     section("results");
-    printf("Cam3CPUCtrl: enterCameraPerf %d, cpuPerformanceMode %d, enterCPUBoost %d, enterNoTempa %d, "
-           "enablePreferIdle %d\n",
-           camPerf, perfMode, boost, noTempa, preferIdle);
+    printf(
+        "Cam3CPUCtrl: enterCameraPerf %d, cpuPerformanceMode %d, enterCPUBoost %d, enterNoTempa %d, "
+        "enablePreferIdle %d\n",
+        camPerf, perfMode, boost, noTempa, preferIdle);
     printf("CpuCtrl: enable(fixed) %d, enable(range) %d, enableBoost %d, enablePreferIdle %d, resetTimeout %d\n",
            cpuFixed, cpuRange, cpuBoost, cpuIdle, cpuReset);
 
@@ -631,9 +669,10 @@ int report(const Options& o, const std::string& dir, int childStatus) {
     if (busy > 0)
         printf("flush throughput:          %s/s (%.0f ms of flushing)\n",
                human(static_cast<double>(bytesOnDisk) / busy).c_str(), busy * 1000);
-    printf("files verified:            %d of %zu, byte for byte, after the session exited with %s of them "
-           "still pending\n",
-           verified, s.files.size(), s.kv["pending_at_exit"].c_str());
+    printf(
+        "files verified:            %d of %zu, byte for byte, after the session exited with %s of them "
+        "still pending\n",
+        verified, s.files.size(), s.kv["pending_at_exit"].c_str());
     if (!o.keep) {
         std::error_code ec;
         fs::remove_all(dir, ec);

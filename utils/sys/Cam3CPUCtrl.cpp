@@ -401,8 +401,7 @@ void Cam3CPUCtrlImp::__initPowerHAL() {
     // Either way the service stays bound; an unlinked death goes unnoticed.
     Return<bool> linked = mPowerHalService->linkToDeath(this, 0);
     if (!linked.isOk()) {
-        QRN_LOGE("[%s] Transaction error in linking to PowerHAL death: %s", __FUNCTION__,
-                 linked.description().c_str());
+        QRN_LOGE("[%s] Transaction error in linking to PowerHAL death: %s", __FUNCTION__, linked.description().c_str());
     } else if (!static_cast<bool>(linked)) {
         QRN_LOGW("[%s] Unable to link to PowerHAL death notifications", __FUNCTION__);
     }

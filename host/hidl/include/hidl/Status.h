@@ -70,8 +70,7 @@ class return_status {
     }
     bool isDeadObject() const {
         mCheckedStatus = true;
-        return mStatus.exceptionCode() == Status::EX_TRANSACTION_FAILED &&
-               mStatus.transactionError() == DEAD_OBJECT;
+        return mStatus.exceptionCode() == Status::EX_TRANSACTION_FAILED && mStatus.transactionError() == DEAD_OBJECT;
     }
     std::string description() const { return mStatus.description(); }
 
@@ -95,8 +94,8 @@ class return_status {
 template <typename T>
 class Return : public details::return_status {
   public:
-    Return(T v) : mVal{std::move(v)} {}  // NOLINT(google-explicit-constructor)
-    Return(const Status& s) : details::return_status(s) {}         // NOLINT(google-explicit-constructor)
+    Return(T v) : mVal{std::move(v)} {}                     // NOLINT(google-explicit-constructor)
+    Return(const Status& s) : details::return_status(s) {}  // NOLINT(google-explicit-constructor)
     Return(Return&& other) noexcept = default;
     Return& operator=(Return&& other) noexcept = default;
     ~Return() = default;
@@ -114,8 +113,8 @@ class Return : public details::return_status {
 template <typename T>
 class Return<sp<T>> : public details::return_status {
   public:
-    Return(sp<T> v) : mVal{std::move(v)} {}  // NOLINT(google-explicit-constructor)
-    Return(const Status& s) : details::return_status(s) {}             // NOLINT(google-explicit-constructor)
+    Return(sp<T> v) : mVal{std::move(v)} {}                 // NOLINT(google-explicit-constructor)
+    Return(const Status& s) : details::return_status(s) {}  // NOLINT(google-explicit-constructor)
     Return(Return&& other) noexcept = default;
     Return& operator=(Return&& other) noexcept = default;
     ~Return() = default;
@@ -140,7 +139,9 @@ class Return<void> : public details::return_status {
     ~Return() = default;
 };
 
-inline Return<void> Void() { return Return<void>(); }
+inline Return<void> Void() {
+    return Return<void>();
+}
 
 }  // namespace hardware
 }  // namespace android

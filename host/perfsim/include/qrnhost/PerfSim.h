@@ -27,14 +27,14 @@ enum class Op { Acquire, Release };
 struct QRNHOST_PERF_API Call {
     uint64_t seq = 0;  // 1, 2, ... in arrival order
     Op op = Op::Acquire;
-    int32_t handle = 0;            // handle argument
-    int32_t duration = 0;          // Acquire: duration in ms
-    std::vector<int32_t> list;     // Acquire: the list as passed (numArgs entries)
-    int32_t numArgs = 0;           // Acquire
-    int32_t result = 0;            // value returned
-    pid_t tid = 0;                 // calling thread
+    int32_t handle = 0;                          // handle argument
+    int32_t duration = 0;                        // Acquire: duration in ms
+    std::vector<int32_t> list;                   // Acquire: the list as passed (numArgs entries)
+    int32_t numArgs = 0;                         // Acquire
+    int32_t result = 0;                          // value returned
+    pid_t tid = 0;                               // calling thread
     std::chrono::steady_clock::time_point when;  // arrival, on the same clock as the power journal
-    std::string toString() const;  // "perf_lock_acq(0, 3000, {0x00414000, 0x1}, 2) = 1"
+    std::string toString() const;                // "perf_lock_acq(0, 3000, {0x00414000, 0x1}, 2) = 1"
 };
 
 struct QRNHOST_PERF_API Lock {

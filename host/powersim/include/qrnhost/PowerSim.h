@@ -8,13 +8,13 @@
 #include <stdint.h>
 #include <sys/types.h>
 
+#include <vendor/quarnel/hardware/power/2.0/IPower.h>
 #include <array>
 #include <chrono>
 #include <map>
 #include <mutex>
 #include <string>
 #include <vector>
-#include <vendor/quarnel/hardware/power/2.0/IPower.h>
 
 namespace qrnhost::power {
 
@@ -22,18 +22,25 @@ using ::android::sp;
 using ::android::hardware::Return;
 using vendor::quarnel::hardware::power::V2_0::IPower;
 
-enum class Op { QuerySystemInfo, RegisterScenario, ConfigScenario, UnregisterScenario, EnableScenario, DisableScenario };
+enum class Op {
+    QuerySystemInfo,
+    RegisterScenario,
+    ConfigScenario,
+    UnregisterScenario,
+    EnableScenario,
+    DisableScenario
+};
 const char* opName(Op op);
 
 struct Call {
-    uint64_t seq = 0;                   // 1, 2, ... in arrival order
+    uint64_t seq = 0;  // 1, 2, ... in arrival order
     Op op = Op::QuerySystemInfo;
-    std::vector<int32_t> args;          // as passed, in order
-    int32_t result = 0;                 // value returned (0 for void calls)
-    bool transportFailed = false;       // failed by injection
-    pid_t tid = 0;                      // calling thread
+    std::vector<int32_t> args;     // as passed, in order
+    int32_t result = 0;            // value returned (0 for void calls)
+    bool transportFailed = false;  // failed by injection
+    pid_t tid = 0;                 // calling thread
     std::chrono::steady_clock::time_point when;
-    std::string toString() const;       // "configScenario(3, 1, 0, 4, 0, 0)"
+    std::string toString() const;  // "configScenario(3, 1, 0, 4, 0, 0)"
 };
 
 struct Settings {
@@ -50,8 +57,8 @@ struct Scenario {
     int32_t handle = -1;
     Settings settings;
     std::vector<std::array<int32_t, 5>> commands;  // every configScenario, in order
-    bool enabled = false;      // enabled and not yet disabled (timeouts aside)
-    int32_t timeoutMs = 0;     // of the last enableScenario
+    bool enabled = false;                          // enabled and not yet disabled (timeouts aside)
+    int32_t timeoutMs = 0;                         // of the last enableScenario
     std::chrono::steady_clock::time_point enabledAt;
     bool expired(std::chrono::steady_clock::time_point now) const;
     bool active(std::chrono::steady_clock::time_point now) const { return enabled && !expired(now); }

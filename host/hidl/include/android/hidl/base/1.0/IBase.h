@@ -17,9 +17,9 @@ struct IBase : virtual public ::android::RefBase {
 
     virtual bool isRemote() const { return false; }
     virtual ::android::hardware::Return<bool> linkToDeath(
-            const ::android::sp<::android::hardware::hidl_death_recipient>& recipient, uint64_t cookie);
+        const ::android::sp<::android::hardware::hidl_death_recipient>& recipient, uint64_t cookie);
     virtual ::android::hardware::Return<bool> unlinkToDeath(
-            const ::android::sp<::android::hardware::hidl_death_recipient>& recipient);
+        const ::android::sp<::android::hardware::hidl_death_recipient>& recipient);
     virtual ::android::hardware::Return<void> ping();
 
   protected:
