@@ -59,6 +59,14 @@ void openKernelMarkerLocked(TraceState& s) {
     }
 }
 
+// The enabled tags as the property gives them, with the always-on tag.
+uint64_t loadTags() {
+    char buf[PROPERTY_VALUE_MAX] = {};
+    uint64_t tags = 0;
+    if (property_get(qrnhost::trace::kTagsProperty, buf, "0") > 0) tags = strtoull(buf, nullptr, 0);
+    return tags | ATRACE_TAG_ALWAYS;
+}
+
 void emit(const qrnhost::trace::Event& e, const char* text, size_t len) {
     std::function<void(const qrnhost::trace::Event&)> observer;
     int fd;
@@ -83,28 +91,27 @@ void emit(const qrnhost::trace::Event& e, const char* text, size_t len) {
 
 }  // namespace
 
+// Runs the setup once: threads making their first traced call together all
+// come here, and only the first loads the tags. The ready flag is published
+// last, with release ordering, so a reader that sees it set (with acquire
+// ordering, as the device's callers read it) also sees the tag word.
 extern "C" void atrace_setup() {
     TraceState& s = state();
-    {
-        std::lock_guard<std::mutex> g(s.lock);
-        ++s.setups;
-        if (atrace_marker_fd < 0) openKernelMarkerLocked(s);
-    }
+    std::lock_guard<std::mutex> g(s.lock);
+    if (atrace_is_ready.load(std::memory_order_acquire)) return;
+    ++s.setups;
+    if (atrace_marker_fd < 0) openKernelMarkerLocked(s);
     // Unlike the device, a host without tracefs still gets its tags: tests
     // observe sections through the observer even where no marker exists.
-    char buf[PROPERTY_VALUE_MAX] = {};
-    uint64_t tags = 0;
-    if (property_get(qrnhost::trace::kTagsProperty, buf, "0") > 0) tags = strtoull(buf, nullptr, 0);
-    atrace_enabled_tags = tags | ATRACE_TAG_ALWAYS;
+    atrace_enabled_tags = loadTags();
     atrace_is_ready.store(true, std::memory_order_release);
 }
 
 extern "C" void atrace_update_tags() {
     if (!atrace_is_ready.load(std::memory_order_acquire)) return;
-    char buf[PROPERTY_VALUE_MAX] = {};
-    uint64_t tags = 0;
-    if (property_get(qrnhost::trace::kTagsProperty, buf, "0") > 0) tags = strtoull(buf, nullptr, 0);
-    atrace_enabled_tags = tags | ATRACE_TAG_ALWAYS;
+    TraceState& s = state();
+    std::lock_guard<std::mutex> g(s.lock);
+    atrace_enabled_tags = loadTags();
 }
 
 extern "C" void atrace_init() {

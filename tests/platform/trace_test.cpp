@@ -4,7 +4,9 @@
 #include <unistd.h>
 
 #include <qrnhost/trace.h>
+#include <atomic>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Capture.h"
@@ -33,6 +35,29 @@ TEST(Trace, SetupLoadsTheTagsFromTheProperty) {
     qrnhost::trace::resetSetup();
     EXPECT_FALSE(atrace_is_tag_enabled(ATRACE_TAG_CAMERA));
     qrnhost::trace::setMarkerPath("");
+}
+
+// Threads that make their first traced call together must not each rewrite
+// the tag word while the others read it: exactly one of them sets up.
+TEST(Trace, ConcurrentFirstCallsSetUpOnce) {
+    property_set(qrnhost::trace::kTagsProperty, "0x400");
+    for (int round = 0; round < 20; ++round) {
+        qrnhost::trace::resetSetup();
+        uint64_t before = qrnhost::trace::setupCount();
+        std::atomic<int> waiting{8};
+        std::atomic<int> enabled{0};
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 8; ++t)
+            threads.emplace_back([&] {
+                for (--waiting; waiting.load() > 0;) std::this_thread::yield();
+                enabled += atrace_is_tag_enabled(ATRACE_TAG_CAMERA) ? 1 : 0;
+            });
+        for (auto& t : threads) t.join();
+        EXPECT_EQ(before + 1, qrnhost::trace::setupCount()) << "round " << round;
+        EXPECT_EQ(8, enabled.load());
+    }
+    property_set(qrnhost::trace::kTagsProperty, "0");
+    qrnhost::trace::resetSetup();
 }
 
 TEST(Trace, SectionsReachTheObserverAndTheMarkerInDeviceForm) {
