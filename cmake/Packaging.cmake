@@ -12,7 +12,7 @@ install(TARGETS qrncam_sysutils ${QRNHOST_LIBRARIES}
   INCLUDES DESTINATION ${QRNCAM_INSTALL_INCDIR} ${QRNCAM_INSTALL_INCDIR}/platform)
 install(DIRECTORY include/ DESTINATION ${QRNCAM_INSTALL_INCDIR})
 foreach(dir host/properties/include host/hidl/include host/camera/include host/trace/include
-            host/powersim/include utils/power/include)
+            host/powersim/include host/power_client/include utils/power)
   install(DIRECTORY ${dir}/ DESTINATION ${QRNCAM_INSTALL_INCDIR}/platform)
 endforeach()
 

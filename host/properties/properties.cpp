@@ -65,8 +65,8 @@ int parseFile(const std::string& path, std::vector<std::pair<std::string, std::s
 void ensureLoadedLocked(Store& s) {
     if (s.fileLoaded) return;
     s.fileLoaded = true;
-    const char* path = getenv(
-        qrnhost::properties::kFileEnv);  // NOLINT(concurrency-mt-unsafe): read under the store's lock, nobody sets it
+    // Read under the store's lock, and nothing in the process sets it.
+    const char* path = getenv(qrnhost::properties::kFileEnv);  // NOLINT(concurrency-mt-unsafe)
     if (!path || !*path) return;
     std::vector<std::pair<std::string, std::string>> kv;
     int errorLine = 0;

@@ -8,6 +8,8 @@
 #include <gtest/gtest.h>
 
 #include <qrnhost/kernelfs.h>
+#include <filesystem>
+#include <iterator>
 #include <limits>
 #include <stdexcept>
 #include <string>
@@ -19,6 +21,7 @@ namespace {
 
 using namespace NSCam::NSMemoryInfo;
 using namespace NSCam::NSThermalInfo;
+namespace fs = std::filesystem;
 constexpr const char* kMeminfo = "/proc/meminfo";
 constexpr const char* kValueNode = "/proc/qrntz/qrntsAP";
 constexpr const char* kModeNode = "/proc/driver/cl_apu_status";
@@ -86,11 +89,18 @@ TEST_F(SysInfo, ThermalValueIsTheFirstTokenAsADecimalInt) {
         place(kValueNode, content);
         EXPECT_EQ(value, getSystemThermalValue()) << '"' << content << '"';
     }
-    // A node without a number is the caller's to handle: the conversion's exception comes through.
+    // A node without a number, or one beyond int, is the caller's to handle:
+    // the conversion's exception comes through, and the stream is closed on
+    // the way (code unwound without exceptions enabled would skip that).
+    auto openDescriptors = [] { return std::distance(fs::directory_iterator("/proc/self/fd"), {}); };
+    const auto before = openDescriptors();
     for (const char* content : {"", "abc\n"}) {
         place(kValueNode, content);
         EXPECT_THROW(getSystemThermalValue(), std::invalid_argument) << '"' << content << '"';
     }
+    place(kValueNode, "99999999999\n");
+    EXPECT_THROW(getSystemThermalValue(), std::out_of_range);
+    EXPECT_EQ(before, openDescriptors());
 }
 
 TEST_F(SysInfo, ThermalModeIsOneByteWrittenAfterOpeningTheNode) {

@@ -8,6 +8,7 @@ cross=0
 
 pkgs=(cmake ninja-build g++ file python3 clang clang-tidy clang-format libclang-rt-14-dev dpkg-dev pkg-config
       libgtest-dev libgmock-dev googletest libbenchmark-dev libboost-dev valgrind
+      libc++-dev libc++abi-dev blueprint-tools mini-soong
       android-libutils-dev android-liblog-dev android-libbase-dev android-libcutils-dev)
 cross_pkgs=(g++-aarch64-linux-gnu qemu-user android-libutils-dev:arm64 android-liblog-dev:arm64
             android-libbase-dev:arm64 android-libcutils-dev:arm64 libgtest-dev:arm64 libgmock-dev:arm64

@@ -59,6 +59,10 @@ lane_package() {
 
 lane_arm64() { tools/ci/arm64.sh; }
 
+# The library as the device compiles it (Android.bp, clang, libc++, no
+# exceptions or RTTI unless asked), and the whole suite on libc++.
+lane_device() { tools/ci/device.sh; }
+
 lane_fuzz() { QRNCAM_FUZZ_BUILD_DIR="$root/build/fuzz" tools/ci/fuzz.sh "${QRNCAM_FUZZ_SECONDS:-60}"; }
 
 for lane in "$@"; do

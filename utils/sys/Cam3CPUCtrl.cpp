@@ -14,6 +14,7 @@
 #define QRN_LOG_MODULE ::qrncam::log::kModuleCam3CPUCtrl
 
 #include "Cam3CPUCtrlImp.h"
+#include "PowerScenario.h"
 
 #include <SysLog.h>
 #include <cutils/properties.h>

@@ -4,6 +4,7 @@
 #define QRN_LOG_MODULE ::qrncam::log::kModuleCpuCtrl
 
 #include "CpuCtrlImp.h"
+#include "PowerScenario.h"
 
 #include <SysLog.h>
 

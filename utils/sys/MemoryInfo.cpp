@@ -1,4 +1,5 @@
 #include <MemoryInfo.h>
+#include <dlfcn.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -34,6 +35,19 @@ void forEachLine(FILE* file, OnLine&& onLine) {
     char* line = static_cast<char*>(malloc(size));
     while (getline(&line, &size, file) >= 0) onLine(line);
     free(line);
+}
+
+// getSystemTotalMemorySize as the process's symbol lookup finds it, which
+// is what a call from outside the library reaches: a process that supplies
+// its own definition is answered from it. A plain call from this file could
+// be bound to the library's own copy, or inlined, by the compiler whatever
+// the platform's interposition rules say; a lookup at run time cannot.
+// Without a dynamic entry (a static link) the library's own copy is used.
+using TotalMemoryFn = int64_t (*)();
+
+TotalMemoryFn exportedTotalMemoryFn() {
+    void* sym = dlsym(RTLD_DEFAULT, "_ZN5NSCam12NSMemoryInfo24getSystemTotalMemorySizeEv");
+    return sym != nullptr ? reinterpret_cast<TotalMemoryFn>(sym) : &getSystemTotalMemorySize;
 }
 
 }  // namespace
@@ -85,9 +99,7 @@ int64_t getSystemTotalMemorySize() {
 
 bool isLowRamDevice(float thresholdGiB) {
     if (thresholdGiB <= 0.0) return false;
-    // Called through the exported entry, so that a process that replaces
-    // getSystemTotalMemorySize is answered from its replacement.
-    float gib = static_cast<float>(getSystemTotalMemorySize());
+    float gib = static_cast<float>(exportedTotalMemoryFn()());
     // Three single-precision steps, rounding after each: a size right at a
     // threshold is judged by exactly this arithmetic. An unreadable
     // total (-1) becomes a tiny negative size, which is below every positive

@@ -5,6 +5,7 @@
 // still registered or enabled.
 #pragma once
 
+#include <PowerScenario.h>  // the codes it interprets, for readers of its journal
 #include <stdint.h>
 #include <sys/types.h>
 
