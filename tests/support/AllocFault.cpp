@@ -46,41 +46,44 @@ extern "C" void* __wrap_calloc(size_t count, size_t size) {
 }
 
 // Every form of new allocates with malloc and every delete frees with free,
-// so that sanitizers see matching pairs. gcc takes the pairing of the
-// replaced forms for a mismatch once it inlines them.
+// so that sanitizers see matching pairs. None is inlined: valgrind replaces
+// them by name, and a pair must either both be replaced or neither. (gcc
+// also takes the pairing of the replaced forms for a mismatch once it sees
+// through them.)
 #if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic ignored "-Wmismatched-new-delete"
 #endif
-void* operator new(size_t size) {
+#define QRN_REPLACED __attribute__((noinline))
+QRN_REPLACED void* operator new(size_t size) {
     void* p = allocate(size);
     if (p == nullptr) throw std::bad_alloc();
     return p;
 }
-void* operator new[](size_t size) {
+QRN_REPLACED void* operator new[](size_t size) {
     return operator new(size);
 }
-void* operator new(size_t size, const std::nothrow_t&) noexcept {
+QRN_REPLACED void* operator new(size_t size, const std::nothrow_t&) noexcept {
     return allocate(size);
 }
-void* operator new[](size_t size, const std::nothrow_t&) noexcept {
+QRN_REPLACED void* operator new[](size_t size, const std::nothrow_t&) noexcept {
     return allocate(size);
 }
-void operator delete(void* p) noexcept {
+QRN_REPLACED void operator delete(void* p) noexcept {
     free(p);
 }
-void operator delete[](void* p) noexcept {
+QRN_REPLACED void operator delete[](void* p) noexcept {
     free(p);
 }
-void operator delete(void* p, size_t) noexcept {
+QRN_REPLACED void operator delete(void* p, size_t) noexcept {
     free(p);
 }
-void operator delete[](void* p, size_t) noexcept {
+QRN_REPLACED void operator delete[](void* p, size_t) noexcept {
     free(p);
 }
-void operator delete(void* p, const std::nothrow_t&) noexcept {
+QRN_REPLACED void operator delete(void* p, const std::nothrow_t&) noexcept {
     free(p);
 }
-void operator delete[](void* p, const std::nothrow_t&) noexcept {
+QRN_REPLACED void operator delete[](void* p, const std::nothrow_t&) noexcept {
     free(p);
 }
 
