@@ -6,9 +6,10 @@
 //     that ever returns.
 //   fork DIR: queues the flushes of DIR/parent0.bin .. parent2.bin behind a
 //     job that holds the worker, then forks. The child dumps DIR/child.bin
-//     and calls exit; the parent checks that the child exited within 20 s,
-//     that its dump is complete and that it wrote none of the parent's,
-//     then releases its worker and exits, which writes them.
+//     (its queue refuses jobs, ids still counted) and calls exit; the parent
+//     checks that the child exited within 20 s, that its dump is complete
+//     and that it wrote none of the parent's, then releases its worker and
+//     exits, which writes them.
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -35,11 +36,27 @@ int main(int argc, char** argv) {
             return fc->write(data.data(), static_cast<unsigned>(data.size())) == static_cast<int>(data.size());
         };
         static std::promise<void> release;
-        (void)gFileCacheQueue.addJob([f = release.get_future().share()] { f.wait(); }, 0);
+        std::promise<void> held;
+        (void)gFileCacheQueue.addJob(
+            [f = release.get_future().share(), &held] {
+                held.set_value();
+                f.wait();
+            },
+            0);
+        // Fork only once the worker sits in that job. A fork while another
+        // thread is inside malloc leaves the sanitizers' allocator locked in
+        // the child (glibc's own malloc is safe).
+        held.get_future().wait();
         for (int c = 0; c < 3; ++c)
             if (!dump(dir + "/parent" + std::to_string(c) + ".bin", "parent " + std::to_string(c))) return 3;
         pid_t pid = fork();
-        if (pid == 0) exit(dump(dir + "/child.bin", "child") ? 0 : 3);
+        if (pid == 0) {
+            // The child's queue is stopped: a job is refused, its id used up.
+            const uint32_t before = gFileCacheQueue.addJob([] {}, 0).first;
+            auto refused = gFileCacheQueue.addJob([] {}, 0);
+            if (refused.second.valid() || refused.first != before + 1) exit(7);
+            exit(dump(dir + "/child.bin", "child") ? 0 : 3);
+        }
         int status = 0;
         for (int i = 0; i < 200 && waitpid(pid, &status, WNOHANG) == 0; ++i) usleep(100000);
         if (waitpid(pid, &status, WNOHANG) == 0) {

@@ -65,16 +65,19 @@ QueueRegistry& queueRegistry() {
             [] {
                 QueueRegistry& qr = queueRegistry();
                 qr.lock.lock();
-                for (const QueueEntry& e : qr.queues) e.prepare(e.queue);
+                for (const QueueEntry& e : qr.queues)
+                    if (e.queue != nullptr) e.prepare(e.queue);
             },
             [] {
                 QueueRegistry& qr = queueRegistry();
-                for (const QueueEntry& e : qr.queues) e.parent(e.queue);
+                for (const QueueEntry& e : qr.queues)
+                    if (e.queue != nullptr) e.parent(e.queue);
                 qr.lock.unlock();
             },
             [] {
                 QueueRegistry& qr = queueRegistry();
-                for (const QueueEntry& e : qr.queues) e.child(e.queue);
+                for (const QueueEntry& e : qr.queues)
+                    if (e.queue != nullptr) e.child(e.queue);
                 qr.lock.unlock();
             });
         return r;
@@ -150,9 +153,11 @@ void JobQueue<void(), P>::workerLoop(std::atomic<void*>* running) noexcept {
             setStateLocked(kStateStopped);
             mIdleCond.notify_all();
         }
+        // Shown before the lock goes: a fork holds the lock, so the child
+        // never sees a job that has left the deque but is not yet shown.
+        running->store(job.get(), std::memory_order_relaxed);
         lock.unlock();
         if (!job || !job->task.valid()) break;
-        running->store(job.get(), std::memory_order_relaxed);
         job->task();
         running->store(nullptr, std::memory_order_relaxed);
     }
@@ -221,9 +226,21 @@ JobQueue<void(), P>::~JobQueue() {
     }
     if (mWorker.valid()) mWorker.wait();
 
+    // In a child that inherited a running job, the entry stays as that
+    // job's only keeper (the worker that owned it is not in this process);
+    // it is just detached from the queue.
     QueueRegistry& qr = queueRegistry();
     std::lock_guard<std::mutex> g(qr.lock);
-    qr.queues.remove_if([this](const QueueEntry& e) { return e.queue == this; });
+    for (auto it = qr.queues.begin(); it != qr.queues.end();) {
+        if (it->queue != this) {
+            ++it;
+        } else if (it->running.load(std::memory_order_relaxed) != nullptr) {
+            it->queue = nullptr;
+            ++it;
+        } else {
+            it = qr.queues.erase(it);
+        }
+    }
 }
 
 template class JobQueue<void(), JQPriority(0)>;
