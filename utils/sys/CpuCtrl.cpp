@@ -149,16 +149,6 @@ void CpuCtrlImp::endRequest(::qrncam::log::ScopedFunctionTrace& scope) {
     pthread_mutex_unlock(&mLock);
 }
 
-// The operations that work on an existing handle use the service without
-// looking it up. Reached without one (no service at the last init), they
-// fail with an ERROR line instead of calling through a null reference.
-bool CpuCtrlImp::serviceOrError(const char* function, ::qrncam::log::ScopedFunctionTrace& scope) {
-    if (mPowerHalService != nullptr) return true;
-    QRN_LOGE("[%s] mPowerHalService == NULL !!!", function);
-    endRequest(scope);
-    return false;
-}
-
 bool CpuCtrlImp::enable(CPU_CTRL_INFO& info) {
     QRN_FUNCTION_SCOPE("CpuCtrl::enable");
     if (!beginRequest(__FUNCTION__, qrnFunctionScope_)) return false;
@@ -260,9 +250,15 @@ bool CpuCtrlImp::disable() {
         // The scenario stays registered so that resetTimeout and the boost
         // can bring it back; only the last uninit drops it. A later init
         // may have found no service while the handle was still held: then
-        // the scenario cannot be reached, and stays recorded as enabled.
+        // the scenario cannot be reached, and stays recorded as enabled. (So
+        // do resetTimeout and the boost, which also use the service without
+        // looking it up: an ERROR line and false, never a null reference.)
         if (mPowerHalHandle != -1) {
-            if (!serviceOrError(__FUNCTION__, qrnFunctionScope_)) return false;
+            if (mPowerHalService == nullptr) {
+                QRN_LOGE("[%s] mPowerHalService == NULL !!!", __FUNCTION__);
+                endRequest(qrnFunctionScope_);
+                return false;
+            }
             ignoreResult(mPowerHalService->disableScenario(mPowerHalHandle));
         }
         mEnabled = 0;
@@ -289,7 +285,11 @@ bool CpuCtrlImp::resetTimeout(int timeoutSeconds) {
         endRequest(qrnFunctionScope_);
         return false;
     }
-    if (!serviceOrError(__FUNCTION__, qrnFunctionScope_)) return false;
+    if (mPowerHalService == nullptr) {
+        QRN_LOGE("[%s] mPowerHalService == NULL !!!", __FUNCTION__);
+        endRequest(qrnFunctionScope_);
+        return false;
+    }
     // mEnabled is left alone, so after disable() this brings the scenario
     // back on the service while the object still counts it as withdrawn.
     // Callers use this to re-arm a withdrawn scenario for a while without
@@ -306,7 +306,11 @@ bool CpuCtrlImp::enableBoost(int timeoutSeconds) {
     // The boost adds its pins to whatever scenario is current, -1 included:
     // callers boost on top of the request they made just before, after an
     // init that found the service.
-    if (!serviceOrError(__FUNCTION__, qrnFunctionScope_)) return false;
+    if (mPowerHalService == nullptr) {
+        QRN_LOGE("[%s] mPowerHalService == NULL !!!", __FUNCTION__);
+        endRequest(qrnFunctionScope_);
+        return false;
+    }
     const int32_t h = mPowerHalHandle;
     int32_t clusters = mPowerHalService->querySystemInfo(SYSINFO_CLUSTER_NUM, 0);
     for (int32_t i = 0; i < clusters; ++i) {
