@@ -5,6 +5,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <functional>
 #include <map>
 #include <mutex>
 
@@ -20,6 +21,7 @@ struct State {
     std::vector<Call> journal;
     int refuseCount = 0;
     bool refuseAll = false;
+    std::function<void(const Call&)> observer;
 
     void dropExpiredLocked(Clock::time_point now) {
         for (auto it = locks.begin(); it != locks.end();) {
@@ -119,6 +121,12 @@ void setRefuseAll(bool refuse) {
     s.refuseAll = refuse;
 }
 
+void setObserver(std::function<void(const Call&)> observer) {
+    State& s = state();
+    std::lock_guard<std::mutex> g(s.lock);
+    s.observer = std::move(observer);
+}
+
 void reset() {
     State& s = state();
     std::lock_guard<std::mutex> g(s.lock);
@@ -156,6 +164,7 @@ extern "C" int32_t perf_lock_acq(int32_t handle, int32_t duration, int32_t* list
     }
     if (refuse) {
         call.result = 0;
+        if (s.observer) s.observer(call);
         return 0;
     }
     int32_t granted = handle;
@@ -166,6 +175,7 @@ extern "C" int32_t perf_lock_acq(int32_t handle, int32_t duration, int32_t* list
     l.list = call.list;
     l.acquiredAt = now;
     call.result = granted;
+    if (s.observer) s.observer(call);
     return granted;
 }
 #endif
@@ -179,6 +189,7 @@ extern "C" int32_t perf_lock_rel(int32_t handle) {
     s.dropExpiredLocked(std::chrono::steady_clock::now());
     auto& call = s.record(Op::Release, handle);
     call.result = s.locks.erase(handle) ? 0 : -1;
+    if (s.observer) s.observer(call);
     return call.result;
 }
 #endif

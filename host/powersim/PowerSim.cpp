@@ -83,6 +83,26 @@ SimPowerService::SimPowerService(const Config& config) : mNextHandle(config.firs
         mClusterMaxFreq.assign(static_cast<size_t>(std::max(0, config.defaultClusters)), config.defaultMaxFreq);
 }
 
+namespace {
+
+// Shows a call to the observer once it is complete (its result set), as
+// the operation returns and still under the service's lock, so that calls
+// are seen one at a time and in the journal's order.
+struct ObserveAtReturn {
+    const std::function<void(const Call&)>& observer;
+    const Call& call;
+    ~ObserveAtReturn() {
+        if (observer) observer(call);
+    }
+};
+
+}  // namespace
+
+void SimPowerService::setObserver(std::function<void(const Call&)> observer) {
+    std::lock_guard<std::mutex> g(mLock);
+    mObserver = std::move(observer);
+}
+
 Call& SimPowerService::journalLocked(Op op, std::vector<int32_t> args) {
     Call c;
     c.seq = mJournal.size() + 1;
@@ -104,6 +124,7 @@ bool SimPowerService::takeFailureLocked(Op op) {
 Return<int32_t> SimPowerService::querySystemInfo(int32_t cmd, int32_t param) {
     std::lock_guard<std::mutex> g(mLock);
     Call& c = journalLocked(Op::QuerySystemInfo, {cmd, param});
+    const ObserveAtReturn observed{mObserver, c};
     if (takeFailureLocked(Op::QuerySystemInfo)) {
         c.transportFailed = true;
         return Status::fromStatusT(::android::FAILED_TRANSACTION);
@@ -121,6 +142,7 @@ Return<int32_t> SimPowerService::querySystemInfo(int32_t cmd, int32_t param) {
 Return<int32_t> SimPowerService::registerScenario() {
     std::lock_guard<std::mutex> g(mLock);
     Call& c = journalLocked(Op::RegisterScenario, {});
+    const ObserveAtReturn observed{mObserver, c};
     if (takeFailureLocked(Op::RegisterScenario)) {
         c.transportFailed = true;
         return Status::fromStatusT(::android::FAILED_TRANSACTION);
@@ -135,6 +157,7 @@ Return<void> SimPowerService::configScenario(int32_t handle, int32_t cmd, int32_
                                              int32_t p4) {
     std::lock_guard<std::mutex> g(mLock);
     Call& c = journalLocked(Op::ConfigScenario, {handle, cmd, p1, p2, p3, p4});
+    const ObserveAtReturn observed{mObserver, c};
     if (takeFailureLocked(Op::ConfigScenario)) {
         c.transportFailed = true;
         return Status::fromStatusT(::android::FAILED_TRANSACTION);
@@ -164,6 +187,7 @@ Return<void> SimPowerService::configScenario(int32_t handle, int32_t cmd, int32_
 Return<void> SimPowerService::unregisterScenario(int32_t handle) {
     std::lock_guard<std::mutex> g(mLock);
     Call& c = journalLocked(Op::UnregisterScenario, {handle});
+    const ObserveAtReturn observed{mObserver, c};
     if (takeFailureLocked(Op::UnregisterScenario)) {
         c.transportFailed = true;
         return Status::fromStatusT(::android::FAILED_TRANSACTION);
@@ -176,6 +200,7 @@ Return<void> SimPowerService::unregisterScenario(int32_t handle) {
 Return<void> SimPowerService::enableScenario(int32_t handle, int32_t timeout) {
     std::lock_guard<std::mutex> g(mLock);
     Call& c = journalLocked(Op::EnableScenario, {handle, timeout});
+    const ObserveAtReturn observed{mObserver, c};
     if (takeFailureLocked(Op::EnableScenario)) {
         c.transportFailed = true;
         return Status::fromStatusT(::android::FAILED_TRANSACTION);
@@ -194,6 +219,7 @@ Return<void> SimPowerService::enableScenario(int32_t handle, int32_t timeout) {
 Return<void> SimPowerService::disableScenario(int32_t handle) {
     std::lock_guard<std::mutex> g(mLock);
     Call& c = journalLocked(Op::DisableScenario, {handle});
+    const ObserveAtReturn observed{mObserver, c};
     if (takeFailureLocked(Op::DisableScenario)) {
         c.transportFailed = true;
         return Status::fromStatusT(::android::FAILED_TRANSACTION);

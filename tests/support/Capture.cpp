@@ -126,6 +126,14 @@ void Capture::clear() {
     mRecords.clear();
 }
 
+void Capture::note(std::string text) {
+    Record r;
+    r.sink = Sink::Note;
+    r.text = std::move(text);
+    r.tid = tid();
+    add(std::move(r));
+}
+
 Capture* Capture::current() {
     return gCurrent.load();
 }

@@ -13,7 +13,7 @@
 
 namespace qrntest {
 
-enum class Sink { Android, ULog, TraceBegin, TraceEnd };
+enum class Sink { Android, ULog, TraceBegin, TraceEnd, Note };
 
 struct Record {
     Sink sink;
@@ -21,7 +21,7 @@ struct Record {
     int32_t level = 0;    // unified-logger level (ULog sink)
     uint32_t module = 0;  // ULog sink
     std::string tag;      // both log sinks
-    std::string text;     // message, or section name for TraceBegin
+    std::string text;     // message, section name for TraceBegin, or a note's text
     int64_t length = 0;   // ULog sink: the length argument as passed
     size_t held = 0;      // ULog sink: strlen of the buffer handed over
     int tid = 0;
@@ -46,6 +46,9 @@ class Capture : public NSCam::Utils::ULog::ULogger {
     size_t sectionsEnded() const;
     bool hasAndroid(int priority, const std::string& tag, const std::string& text) const;
     void clear();
+    // Adds a line of the test's own (a call seen by a simulator, a step) in
+    // its place among the captured records.
+    void note(std::string text);
 
     static Capture* current();
 

@@ -9,6 +9,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -59,6 +60,10 @@ QRNHOST_PERF_API std::string report();
 QRNHOST_PERF_API void refuseNext(int count = 1);
 // Refuse every acquisition until switched off again.
 QRNHOST_PERF_API void setRefuseAll(bool refuse);
+
+// Receives each call when it is complete, on the calling thread, before the
+// call returns (an empty function removes it). It must not call the library.
+QRNHOST_PERF_API void setObserver(std::function<void(const Call&)> observer);
 
 // Forgets every lock, the journal and the refusals; handles start at 1 again.
 QRNHOST_PERF_API void reset();

@@ -12,6 +12,7 @@
 #include <vendor/quarnel/hardware/power/2.0/IPower.h>
 #include <array>
 #include <chrono>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
@@ -97,6 +98,10 @@ class SimPowerService : public IPower {
     void injectTransportFailure(Op op, int count = 1);
 
     std::vector<Call> journal() const;
+    // Receives each call when it is complete, on the calling thread, before
+    // the call returns to its caller (an empty function removes it). It must
+    // not call the service.
+    void setObserver(std::function<void(const Call&)> observer);
     void clearJournal();
     // Journal entries of one operation only.
     std::vector<Call> calls(Op op) const;
@@ -120,6 +125,7 @@ class SimPowerService : public IPower {
     std::map<int32_t, Scenario> mScenarios;
     std::vector<Call> mJournal;
     std::map<Op, int> mFailures;
+    std::function<void(const Call&)> mObserver;
 };
 
 // Creates a simulator and registers it as the "default" vendor power service.

@@ -1,0 +1,155 @@
+#include "Transcript.h"
+
+#include <gtest/gtest.h>
+#include <stdio.h>
+
+#include <qrnhost/PerfSim.h>
+#include <qrnhost/PowerSim.h>
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <sstream>
+
+namespace qrntest {
+
+namespace {
+
+std::string escaped(const std::string& s) {
+    std::string out;
+    for (unsigned char c : s) {
+        if (c == '\n') {
+            out += "\\n";
+        } else if (c < 0x20 || c >= 0x7F) {
+            char buf[8];
+            snprintf(buf, sizeof buf, "\\x%02x", c);
+            out += buf;
+        } else {
+            out += static_cast<char>(c);
+        }
+    }
+    return out;
+}
+
+std::string render(const Record& r) {
+    static const std::regex kSuffixLine("\\{#[0-9]+:");
+    switch (r.sink) {
+        case Sink::Android:
+            return std::string(1, "??VDIWEF"[r.priority & 7]) + " " + r.tag + ": " +
+                   std::regex_replace(escaped(r.text), kSuffixLine, "{#L:");
+        case Sink::ULog: {
+            char module[16];
+            snprintf(module, sizeof module, "0x%08x", r.module);
+            std::string line = "u" + std::to_string(r.level) + " " + r.tag + "[" + module + "]: " + escaped(r.text);
+            if (r.length != static_cast<int64_t>(r.held)) line += " (length " + std::to_string(r.length) + ")";
+            return line;
+        }
+        case Sink::TraceBegin: return "> " + r.text;
+        case Sink::TraceEnd: return "<";
+        case Sink::Note: return escaped(r.text);
+    }
+    return "?";
+}
+
+std::vector<std::string> readLines(const std::string& path, bool* found) {
+    std::ifstream in(path);
+    *found = in.is_open();
+    std::vector<std::string> out;
+    for (std::string l; std::getline(in, l);) {
+        while (!l.empty() && (l.back() == ' ' || l.back() == '\r')) l.pop_back();
+        if (!l.empty() && l[0] == '#') continue;
+        out.push_back(l);
+    }
+    while (!out.empty() && out.back().empty()) out.pop_back();
+    return out;
+}
+
+}  // namespace
+
+Transcript::Transcript(Capture& cap, const android::sp<qrnhost::power::SimPowerService>& sim) : mCap(cap) {
+    replaceSim(sim);
+    qrnhost::perf::setObserver([this](const qrnhost::perf::Call& c) { mCap.note("perf: " + c.toString()); });
+}
+
+void Transcript::replaceSim(const android::sp<qrnhost::power::SimPowerService>& sim) {
+    if (mSim) mSim->setObserver(nullptr);
+    mSim = sim;
+    if (mSim) mSim->setObserver([this](const qrnhost::power::Call& c) { mCap.note("power: " + c.toString()); });
+}
+
+void Transcript::note(const std::string& line) {
+    mCap.note(line);
+}
+
+Transcript::~Transcript() {
+    if (mSim) mSim->setObserver(nullptr);
+    qrnhost::perf::setObserver(nullptr);
+}
+
+void Transcript::step(const std::string& what) {
+    mCap.note("== " + what);
+}
+
+void Transcript::files(const std::string& dir) {
+    std::vector<std::filesystem::path> paths;
+    for (const auto& e : std::filesystem::directory_iterator(dir))
+        if (e.is_regular_file()) paths.push_back(e.path());
+    std::sort(paths.begin(), paths.end());
+    for (const auto& p : paths) {
+        const std::string content = readFile(p.string());
+        constexpr size_t kShown = 48;
+        mCap.note("file " + p.filename().string() + ": " + std::to_string(content.size()) + " bytes \"" +
+                  escaped(content.substr(0, kShown)) + (content.size() > kShown ? "\"..." : "\""));
+    }
+}
+
+void Transcript::replace(const std::string& text, const std::string& by) {
+    mReplace.emplace_back(text, by);
+}
+
+std::vector<std::string> Transcript::lines() const {
+    std::vector<std::string> out;
+    for (const Record& r : mCap.records()) {
+        std::string line = render(r);
+        for (const auto& [text, by] : mReplace)
+            for (size_t at; !text.empty() && (at = line.find(text)) != std::string::npos;)
+                line.replace(at, text.size(), by);
+        out.push_back(line);
+    }
+    return out;
+}
+
+void Transcript::check(const std::string& goldenDir, const std::string& name) const {
+    const std::string golden = goldenDir + "/" + name + ".txt";
+    bool found = false;
+    const std::vector<std::string> want = readLines(golden, &found);
+    const std::vector<std::string> got = lines();
+    const std::string actual = std::string(QRNCAM_TRANSCRIPT_OUT) + "/" + name + ".txt";
+    std::error_code ec;
+    if (found && want == got) {
+        std::filesystem::remove(actual, ec);  // no longer differs
+        return;
+    }
+
+    std::filesystem::create_directories(QRNCAM_TRANSCRIPT_OUT, ec);
+    {
+        std::ofstream out(actual, std::ios::trunc);
+        out << "# " << golden << "\n";
+        for (const std::string& l : got) out << l << "\n";
+    }
+    std::ostringstream msg;
+    if (!found) {
+        msg << "no transcript " << golden;
+    } else {
+        size_t i = 0;
+        while (i < want.size() && i < got.size() && want[i] == got[i]) ++i;
+        msg << name << ": first difference at line " << i + 1 << " of the transcript (comments not counted)\n";
+        for (size_t k = i >= 2 ? i - 2 : 0; k < i; ++k) msg << "    " << want[k] << "\n";
+        for (size_t k = i; k < std::min(want.size(), i + 3); ++k) msg << "  - " << want[k] << "\n";
+        for (size_t k = i; k < std::min(got.size(), i + 3); ++k) msg << "  + " << got[k] << "\n";
+    }
+    msg << "actual transcript: " << actual << " (tools/transcripts.sh shows every difference)";
+    ADD_FAILURE() << msg.str();
+}
+
+}  // namespace qrntest
