@@ -4,6 +4,7 @@
 // to run under ASan/UBSan and TSan with the real libutils.
 #include <Cam3CPUCtrlImp.h>
 #include <Capture.h>
+#include <Transcript.h>
 #include <cutils/properties.h>
 #include <gtest/gtest.h>
 #include <qrnhost/PerfSim.h>
@@ -13,6 +14,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <functional>
 #include <future>
 #include <memory>
 #include <thread>
@@ -60,88 +62,111 @@ class Cam3Test : public ::testing::Test {
     ::android::sp<qrnhost::power::SimPowerService> sim;
 };
 
-TEST_F(Cam3Test, ASessionCountsUsersHoldsLocksRunsScenariosAndLeavesNothingBehind) {
-    Capture cap;
-    Owned c;
-    EXPECT_FALSE(c->cpuPerformanceMode(10));
-    EXPECT_TRUE(c->uninit());                                                   // only logs
-    EXPECT_TRUE(c->exitCameraPerf() && c->exitCPUBoost() && c->exitNoTempa());  // nothing held
-    qrnhost::perf::setRefuseAll(true);
-    EXPECT_EQ((std::vector<bool>{false, false, false}),
-              (std::vector<bool>{c->enterCameraPerf(), c->enterCPUBoost(100), c->enterNoTempa()}));
-    EXPECT_TRUE(c->exitCameraPerf() && c->exitCPUBoost() && c->exitNoTempa());
-    EXPECT_TRUE(qrnhost::perf::calls(qrnhost::perf::Op::Release).empty());
-    // Nothing was recorded as held, so each enter asks afresh; the second
-    // enter of each asks for nothing.
-    qrnhost::perf::reset();
-    for (int i = 0; i < 2; ++i) EXPECT_TRUE(c->enterCameraPerf() && c->enterCPUBoost(3000 + i) && c->enterNoTempa());
-    for (int i = 0; i < 2; ++i) EXPECT_TRUE(c->exitCameraPerf() && c->exitCPUBoost() && c->exitNoTempa());
-    EXPECT_EQ((Strings{"perf_lock_acq(0, 0, {0x01404300, 0x00000001, 0x01404100, 0x00000001}, 4) = 1",
-                       "perf_lock_acq(0, 3000, {0x00414000, 0x00000001}, 2) = 2",
-                       "perf_lock_acq(0, 0, {0x02004000, 0x00000000}, 2) = 3", "perf_lock_rel(1) = 0",
-                       "perf_lock_rel(2) = 0", "perf_lock_rel(3) = 0"}),
-              text(qrnhost::perf::journal()));
-    // Switched off by its property, camera perf mode asks for nothing.
-    property_set("vendor.cam3dev.idleprefer.enable", "false");
-    EXPECT_FALSE(c->enterCameraPerf());
-    EXPECT_EQ(6u, qrnhost::perf::journal().size());
+// One step of a scenario: its name, what it made happen, what it returned.
+struct Steps {
+    qrntest::Transcript& t;
+    void operator()(const std::string& what, const std::function<bool()>& call) const {
+        t.step(what);
+        t.note(call() ? "-> true" : "-> false");
+    }
+};
 
-    EXPECT_TRUE(c->init() && c->init());  // the binding is kept, not linked again
-    EXPECT_EQ(1u, linkedRecipients());
-    EXPECT_TRUE(c->disable() && c->cpuPerformanceMode(2000));  // nothing to disable yet
-    // Prefer-idle is off by default: refused, and the mode in force is left alone.
-    EXPECT_FALSE(c->enablePreferIdle());
+// A whole session, both sinks and the trace on: requests without a user,
+// perf locks refused, held, held again and released, the properties that
+// switch requests off, two users through the power-service requests, and
+// what is left behind (nothing).
+TEST_F(Cam3Test, SessionTranscript) {
+    Capture cap(3, 5, 0x00107000);
+    qrntest::Transcript t(cap, sim);
+    Steps run{t};
+    t.step("createInstance");
+    Owned c;
+    run("cpuPerformanceMode(10)", [&] { return c->cpuPerformanceMode(10); });
+    run("uninit", [&] { return c->uninit(); });
+    run("exitCameraPerf", [&] { return c->exitCameraPerf(); });
+    run("exitCPUBoost", [&] { return c->exitCPUBoost(); });
+    run("exitNoTempa", [&] { return c->exitNoTempa(); });
+    t.step("every perf lock refused");
+    qrnhost::perf::setRefuseAll(true);
+    run("enterCameraPerf", [&] { return c->enterCameraPerf(); });
+    run("enterCPUBoost(100)", [&] { return c->enterCPUBoost(100); });
+    run("enterNoTempa", [&] { return c->enterNoTempa(); });
+    run("exitCameraPerf", [&] { return c->exitCameraPerf(); });
+    qrnhost::perf::setRefuseAll(false);
+    for (int i = 0; i < 2; ++i) {
+        run("enterCameraPerf", [&] { return c->enterCameraPerf(); });
+        run("enterCPUBoost(" + std::to_string(3000 + i) + ")", [&] { return c->enterCPUBoost(3000 + i); });
+        run("enterNoTempa", [&] { return c->enterNoTempa(); });
+    }
+    for (int i = 0; i < 2; ++i) {
+        run("exitCameraPerf", [&] { return c->exitCameraPerf(); });
+        run("exitCPUBoost", [&] { return c->exitCPUBoost(); });
+        run("exitNoTempa", [&] { return c->exitNoTempa(); });
+    }
+    t.step("vendor.cam3dev.idleprefer.enable=false");
+    property_set("vendor.cam3dev.idleprefer.enable", "false");
+    run("enterCameraPerf", [&] { return c->enterCameraPerf(); });
+    run("init", [&] { return c->init(); });
+    run("init", [&] { return c->init(); });
+    t.note("linked recipients: " + std::to_string(linkedRecipients()));
+    run("disable", [&] { return c->disable(); });
+    run("cpuPerformanceMode(2000)", [&] { return c->cpuPerformanceMode(2000); });
+    run("enablePreferIdle", [&] { return c->enablePreferIdle(); });
+    t.step("vendor.cam3dev.cpupreferidle=1");
     property_set("vendor.cam3dev.cpupreferidle", "1");
-    EXPECT_TRUE(c->enablePreferIdle());
-    EXPECT_EQ((Strings{"registerScenario() -> 1", "configScenario(1, 5, 1, 0, 0, 0)", "enableScenario(1, 2000)",
-                       "disableScenario(1)", "unregisterScenario(1)", "registerScenario() -> 2",
-                       "configScenario(2, 73, 1, 0, 0, 0)", "enableScenario(2, 0)"}),
-              text(sim->journal()));
-    // No time limit, however it is asked for.
-    for (int timeout : {0, -5, 1}) EXPECT_TRUE(c->cpuPerformanceMode(timeout));
-    std::vector<int32_t> timeouts;
-    for (const auto& e : sim->calls(qrnhost::power::Op::EnableScenario)) timeouts.push_back(e.args[1]);
-    EXPECT_EQ((std::vector<int32_t>{2000, 0, 268435455, 268435455, 1}), timeouts);
-    sim->clearJournal();
-    // Each uninit goes through disable, which gives the handle back.
-    EXPECT_TRUE(c->uninit());
-    EXPECT_EQ(1u, linkedRecipients());
-    EXPECT_TRUE(c->uninit());
-    EXPECT_EQ((Strings{"disableScenario(5)", "unregisterScenario(5)"}), text(sim->journal()));
-    EXPECT_EQ(0u, linkedRecipients());
-    for (const char* text : {"[uninit] No user(0)", "[init] First user", "[init] More user(1)", "[uninit] More user(1)",
-                             "[uninit] Last user(0)", "[enterCPUBoost] failed to lock cpu boost, invalid handle:0",
-                             "[enterNoTempa] failed to lock cpu No Tempa, invalid handle:0"})
-        EXPECT_EQ(1u, countAndroid(cap, text)) << text;
-    // Once refused, once switched off.
-    EXPECT_EQ(2u, countAndroid(cap, "[enterCameraPerf] failed to lock perf, invalid handle:0"));
+    run("enablePreferIdle", [&] { return c->enablePreferIdle(); });
+    for (int timeout : {0, -5, 1})
+        run("cpuPerformanceMode(" + std::to_string(timeout) + ")", [&] { return c->cpuPerformanceMode(timeout); });
+    run("uninit", [&] { return c->uninit(); });
+    t.note("linked recipients: " + std::to_string(linkedRecipients()));
+    run("uninit", [&] { return c->uninit(); });
+    t.note("linked recipients: " + std::to_string(linkedRecipients()));
+    t.step("destroyInstance");
     c.reset();
-    EXPECT_TRUE(sim->registered().empty()) << sim->report();
-    EXPECT_EQ("", qrnhost::perf::report());
+    t.note("left on the service: " + sim->report());
+    t.note("perf locks held: " + qrnhost::perf::report());
+    QRN_CHECK_TRANSCRIPT(t, "session");
 }
 
-TEST_F(Cam3Test, AMissingOrDeadServiceIsBoundAndLinkedByTheNextCall) {
+// The binding: no service at init, one that appears late, each new one
+// after a death bound and linked by whichever call comes next; then an
+// object destroyed with two users left, whose death notice must no longer
+// reach it.
+TEST_F(Cam3Test, BindingTranscript) {
     property_set("vendor.cam3dev.cpupreferidle", "1");
     qrnhost::hidl::unregisterAll();
-    Capture cap;
+    Capture cap(1, 5, 0x00107000, false);
+    qrntest::Transcript t(cap, nullptr);
+    Steps run{t};
     Owned c;
-    EXPECT_TRUE(c->init());  // still counts the user
-    EXPECT_FALSE(c->cpuPerformanceMode(5));
-    EXPECT_EQ(1u, countAndroid(cap, "[cpuPerformanceMode] mPowerHalService == NULL !!!"));
-    // A service that appears late, and then each new one after a death, is
-    // bound and linked by whichever call comes next.
+    run("init", [&] { return c->init(); });
+    run("cpuPerformanceMode(5)", [&] { return c->cpuPerformanceMode(5); });
     for (int i = 0; i < 4; ++i) {
-        ASSERT_TRUE(i == 0 || qrnhost::power::killDefaultService());
-        qrnhost::hidl::waitForRuntimeIdle();
+        if (i > 0) {
+            t.step("the service dies");
+            qrnhost::power::killDefaultService();
+            qrnhost::hidl::waitForRuntimeIdle();
+        }
+        t.step("the service is registered");
         sim = qrnhost::power::startDefaultService();
-        EXPECT_TRUE(i == 1 ? c->init() : i == 2 ? c->enablePreferIdle() : c->cpuPerformanceMode(100 + 100 * i)) << i;
-        EXPECT_EQ(1u, linkedRecipients()) << i;
+        t.replaceSim(sim);
+        if (i == 1) {
+            run("init", [&] { return c->init(); });
+        } else if (i == 2) {
+            run("enablePreferIdle", [&] { return c->enablePreferIdle(); });
+        } else {
+            run("cpuPerformanceMode(" + std::to_string(100 + 100 * i) + ")",
+                [&] { return c->cpuPerformanceMode(100 + 100 * i); });
+        }
+        t.note("linked recipients: " + std::to_string(linkedRecipients()));
     }
-    EXPECT_EQ(3u, countAndroid(cap, "[serviceDied] IPower hidl service died"));
-    // mEnabled outlived the death without a handle: the request only cleared
-    // it before registering anew.
-    EXPECT_EQ((Strings{"registerScenario() -> 1", "configScenario(1, 5, 1, 0, 0, 0)", "enableScenario(1, 400)"}),
-              text(sim->journal()));
+    t.step("destroyInstance with two users left");
+    c.reset();
+    t.note("linked recipients: " + std::to_string(linkedRecipients()));
+    t.step("the service dies");
+    qrnhost::power::killDefaultService();
+    qrnhost::hidl::waitForRuntimeIdle();
+    QRN_CHECK_TRANSCRIPT(t, "binding");
 }
 
 // A capture that stops the first thread writing a given unified-logger line
@@ -159,23 +184,6 @@ struct Gate : Capture {
     std::promise<void> held, open;
     std::shared_future<void> opened = open.get_future();
 };
-
-TEST_F(Cam3Test, DestroyingWithTwoUsersRunsOneUninitAndLeavesNoLiveRecipient) {
-    Capture cap;
-    Owned c;
-    ASSERT_TRUE(c->init() && c->init() && c->cpuPerformanceMode(0));
-    cap.clear();
-    c.reset();
-    EXPECT_EQ(1u, countAndroid(cap, "[uninit] +"));
-    EXPECT_EQ(1u, countAndroid(cap, "[uninit] More user(1)"));
-    EXPECT_EQ(1u, countAndroid(cap, "[~Cam3CPUCtrlImp] "));
-    // The link is left with the proxy, but it must no longer reach the
-    // object when the service dies.
-    EXPECT_EQ(1u, linkedRecipients());
-    ASSERT_TRUE(qrnhost::power::killDefaultService());
-    qrnhost::hidl::waitForRuntimeIdle();
-    EXPECT_EQ(0u, countAndroid(cap, "[serviceDied] IPower hidl service died"));
-}
 
 TEST_F(Cam3Test, DestroyDuringServiceDiedDefersTheDestructor) {
     Gate gate("[serviceDied] IPower hidl service died");

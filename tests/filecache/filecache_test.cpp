@@ -13,6 +13,7 @@
 #include "AllocFault.h"
 #include "Capture.h"
 #include "FileCacheInternal.h"
+#include "Transcript.h"
 
 namespace {
 
@@ -46,66 +47,97 @@ class FileCacheTest : public ::testing::Test {
     uint64_t mStart = 0;
 };
 
-TEST_F(FileCacheTest, FilesHoldTheirBlocksInWriteOrderOnlyOnceDropped) {
+// Caches flushed with the log switch on: the blocks in write order, a file
+// that keeps its old content while its cache lives, two caches for one
+// name, and the budget that another cache holds all along (300000 bytes,
+// 292 KB in the "remain" lines).
+TEST_F(FileCacheTest, FlushTranscript) {
+    qrntest::Transcript t(mCap, nullptr);
+    t.replace(mDir.path(), "$DIR");
     property_set("vendor.debug.file_cache.log", "1");
-    const std::string name = file("three"), odd("\x01\x02xy\n", 5), big(100, 'A');
+    qrntest::writeFile(file("three"), std::string(200, 'o'));
+    auto write = [&](const sp<IFileCache>& fc, const std::string& what, const void* data, unsigned size) {
+        t.step("write " + what);
+        t.note("-> " + std::to_string(fc->write(data, size)));
+    };
+    t.step("open holder");
+    sp<IFileCache> holder = IFileCache::open(file("holder").c_str());
+    const std::string held(300000, 'h'), odd("\x01\x02xy\n", 5), big(100, 'A');
+    write(holder, "300000 bytes", held.data(), 300000);
+    t.step("open three");
+    sp<IFileCache> fc = IFileCache::open(file("three").c_str());
+    write(fc, "abc", "abc", 3);
+    write(fc, "no bytes", nullptr, 0);
+    write(fc, "5 odd bytes", odd.data(), 5);
+    write(fc, "100 bytes", big.data(), 100);
+    drain();
+    t.files(mDir.path());
+    t.step("drop three");
+    fc.clear();
+    drain();
+    t.step("open twice, write first then second, drop first then second");
+    sp<IFileCache> first = IFileCache::open(file("twice").c_str()), second = IFileCache::open(file("twice").c_str());
+    write(first, "first", "first", 5);
+    write(second, "second", "second", 6);
+    first.clear();
+    second.clear();
+    drain();
+    t.step("drop holder");
+    holder.clear();
+    drain();
+    t.files(mDir.path());
+    QRN_CHECK_TRANSCRIPT(t, "flush");
+
     // The name block holds 255 characters: a longer name is cut, never overrun.
     const std::string longName = mDir.path() + "/" + std::string(250, 'n') + "TAIL";
-    qrntest::writeFile(name, std::string(200, 'o'));
-    {
-        sp<IFileCache> fc = IFileCache::open(name.c_str());
-        put(fc, "abc"), fc->write(nullptr, 0), put(fc, odd), put(fc, big);
-        put(IFileCache::open(longName.c_str()), "cut");
-        drain();
-        EXPECT_EQ(std::string(200, 'o'), qrntest::readFile(name));  // nothing reaches storage while alive
-    }
+    put(IFileCache::open(longName.c_str()), "cut");
     drain();
-    EXPECT_EQ("abc" + odd + big, qrntest::readFile(name));  // replaces the old, longer content
     EXPECT_EQ("cut", qrntest::readFile(longName.substr(0, 255)));
-    // Chunk data shows as a bounded, printable preview of the chunk's own
-    // bytes; the lines written as the object goes use a copy of the name.
-    EXPECT_THAT(lines(),
-                ::testing::IsSupersetOf(std::vector<std::string>{
-                    "<abc> write 3 bytes to file (0/4)", "<..xy.> write 5 bytes to file (2/4)",
-                    "<" + big.substr(0, 32) + "> free 100 bytes (3/4)", "<" + name + "> Dealloc of FileCache"}));
-    EXPECT_THAT(lines(), ::testing::Contains(::testing::StartsWith("<" + name + "> write done, (remain = ")));
 }
 
-TEST_F(FileCacheTest, FaultsAreLoggedAndEveryBlockIsCreditedUnlessItsAllocationFailed) {
-    const std::string missing = file("no/such/dir"), nomem = file("nomem");
+// Every fault a caller can meet, with the log switch off: what each call
+// returns, what is logged, and what stays charged.
+TEST_F(FileCacheTest, FaultsTranscript) {
+    qrntest::Transcript t(mCap, nullptr);
+    t.replace(mDir.path(), "$DIR");
     property_set("vendor.debug.file_cache.storage_size", "-1");  // compared unsigned: lifts the budget
-    EXPECT_EQ(nullptr, IFileCache::open(nullptr).get());
-    // A failed block keeps its charge for good.
-    constexpr size_t kOdd = 123457;
-    const std::string odd(kOdd, 'x');
-    sp<IFileCache> fc = IFileCache::open(nomem.c_str());
+    t.step("open(nullptr)");
+    t.note(IFileCache::open(nullptr) == nullptr ? "-> null" : "-> a cache");
+    const std::string odd(123457, 'x');
+    sp<IFileCache> fc = IFileCache::open(file("nomem").c_str());
+    t.step("write 123457 bytes whose block cannot be allocated");
     {
-        qrntest::AllocFault fault(1);  // the block's own allocation
-        EXPECT_EQ(-1, put(fc, odd));
-        EXPECT_EQ(kOdd, fault.failedMallocSize());
+        qrntest::AllocFault fault(1);
+        t.note("-> " + std::to_string(put(fc, odd)));
     }
-    // Blocks the int result cannot report are refused before any charge.
     char byte = 0;
-    EXPECT_EQ(-1, fc->write(&byte, 0x80000000u));
-    EXPECT_EQ(-1, fc->write(&byte, 0xFFFFFFFFu));
-    // Storage faults. Blocks larger than the stream buffer go straight to the
-    // device; small ones fail only when the file is closed.
-    put(IFileCache::open(missing.c_str()), std::string(5000, 'a'));
+    for (unsigned size : {0x80000000u, 0xFFFFFFFFu}) {
+        t.step("write " + std::to_string(size) + " bytes");
+        t.note("-> " + std::to_string(fc->write(&byte, size)));
+    }
+    t.step("flush into a missing directory");
+    put(IFileCache::open(file("no/such/dir").c_str()), std::string(5000, 'a'));
+    drain();
+    t.step("flush 64 KiB and 128 KiB into /dev/full");
     fc = IFileCache::open("/dev/full");
     put(fc, std::string(64 << 10, 'a')), put(fc, std::string(128 << 10, 'b'));
+    fc.clear();
+    drain();
+    t.step("flush two blocks of 100 bytes into /dev/full");
     fc = IFileCache::open("/dev/full");
     put(fc, std::string(100, 'c')), put(fc, std::string(100, 'd'));
     fc.clear();
     drain();
-    EXPECT_EQ(mStart + kOdd, gCachedBytes.load());
-    auto worker = [](const std::string& text) { return error(text, "operator\\(\\)"); };
-    EXPECT_THAT(lines(),
-                ::testing::ElementsAre(
-                    error("File name is NULL\n", "open"), error("<" + nomem + "> Fail to allocate memory", "write"),
-                    error("<" + nomem + "> Write size 2147483648 exceeds 2147483647 bytes", "write"),
-                    error("<" + nomem + "> Write size 4294967295 exceeds 2147483647 bytes", "write"),
-                    worker("Fail to open physical file <" + missing + ">"), worker("</dev/full> write error!!!"),
-                    worker("</dev/full> write error!!!"), worker("</dev/full> write error!!!")));
+    t.note("charged for good: " + std::to_string(gCachedBytes.load() - mStart));
+    // A budget above 4 GiB is read as the 64-bit value it is, and shown in MB.
+    t.step("budget 4 GiB, 5 bytes short of it charged, write 11 bytes");
+    property_set("vendor.debug.file_cache.storage_size", "4294967296");
+    fc = IFileCache::open(file("big").c_str());
+    const uint64_t filler = 4294967296ull - 5 - gCachedBytes.load();
+    gCachedBytes += filler;
+    t.note("-> " + std::to_string(put(fc, "eleven byte")));
+    gCachedBytes -= filler;
+    QRN_CHECK_TRANSCRIPT(t, "faults");
 }
 
 // Memory running out at any allocation of open, write or the drop of a
