@@ -13,7 +13,6 @@
 
 namespace qrnhost::power {
 
-using ::android::hardware::Status;
 using namespace vendor::quarnel::hardware::power::V2_0;
 
 const char* opName(Op op) {
@@ -94,19 +93,21 @@ Call& SimPowerService::journalLocked(Op op, std::vector<int32_t> args) {
     return mJournal.back();
 }
 
-bool SimPowerService::takeFailureLocked(Op op) {
+bool SimPowerService::takeFailureLocked(Op op, Status* status) {
     auto it = mFailures.find(op);
-    if (it == mFailures.end() || it->second <= 0) return false;
-    --it->second;
+    if (it == mFailures.end() || it->second.empty()) return false;
+    *status = it->second.front();
+    it->second.pop_front();
     return true;
 }
 
 Return<int32_t> SimPowerService::querySystemInfo(int32_t cmd, int32_t param) {
     std::lock_guard<std::mutex> g(mLock);
     Call& c = journalLocked(Op::QuerySystemInfo, {cmd, param});
-    if (takeFailureLocked(Op::QuerySystemInfo)) {
+    Status failure;
+    if (takeFailureLocked(Op::QuerySystemInfo, &failure)) {
         c.transportFailed = true;
-        return Status::fromStatusT(::android::FAILED_TRANSACTION);
+        return failure;
     }
     int32_t v = -1;
     if (cmd == SYSINFO_CLUSTER_NUM) {
@@ -121,9 +122,10 @@ Return<int32_t> SimPowerService::querySystemInfo(int32_t cmd, int32_t param) {
 Return<int32_t> SimPowerService::registerScenario() {
     std::lock_guard<std::mutex> g(mLock);
     Call& c = journalLocked(Op::RegisterScenario, {});
-    if (takeFailureLocked(Op::RegisterScenario)) {
+    Status failure;
+    if (takeFailureLocked(Op::RegisterScenario, &failure)) {
         c.transportFailed = true;
-        return Status::fromStatusT(::android::FAILED_TRANSACTION);
+        return failure;
     }
     int32_t h = mNextHandle++;
     mScenarios[h].handle = h;
@@ -135,9 +137,10 @@ Return<void> SimPowerService::configScenario(int32_t handle, int32_t cmd, int32_
                                              int32_t p4) {
     std::lock_guard<std::mutex> g(mLock);
     Call& c = journalLocked(Op::ConfigScenario, {handle, cmd, p1, p2, p3, p4});
-    if (takeFailureLocked(Op::ConfigScenario)) {
+    Status failure;
+    if (takeFailureLocked(Op::ConfigScenario, &failure)) {
         c.transportFailed = true;
-        return Status::fromStatusT(::android::FAILED_TRANSACTION);
+        return failure;
     }
     auto it = mScenarios.find(handle);
     if (it == mScenarios.end()) {
@@ -164,9 +167,10 @@ Return<void> SimPowerService::configScenario(int32_t handle, int32_t cmd, int32_
 Return<void> SimPowerService::unregisterScenario(int32_t handle) {
     std::lock_guard<std::mutex> g(mLock);
     Call& c = journalLocked(Op::UnregisterScenario, {handle});
-    if (takeFailureLocked(Op::UnregisterScenario)) {
+    Status failure;
+    if (takeFailureLocked(Op::UnregisterScenario, &failure)) {
         c.transportFailed = true;
-        return Status::fromStatusT(::android::FAILED_TRANSACTION);
+        return failure;
     }
     // Unregistering drops the scenario's settings, enabled or not.
     c.result = mScenarios.erase(handle) ? 0 : -1;
@@ -176,9 +180,10 @@ Return<void> SimPowerService::unregisterScenario(int32_t handle) {
 Return<void> SimPowerService::enableScenario(int32_t handle, int32_t timeout) {
     std::lock_guard<std::mutex> g(mLock);
     Call& c = journalLocked(Op::EnableScenario, {handle, timeout});
-    if (takeFailureLocked(Op::EnableScenario)) {
+    Status failure;
+    if (takeFailureLocked(Op::EnableScenario, &failure)) {
         c.transportFailed = true;
-        return Status::fromStatusT(::android::FAILED_TRANSACTION);
+        return failure;
     }
     auto it = mScenarios.find(handle);
     if (it == mScenarios.end()) {
@@ -194,9 +199,10 @@ Return<void> SimPowerService::enableScenario(int32_t handle, int32_t timeout) {
 Return<void> SimPowerService::disableScenario(int32_t handle) {
     std::lock_guard<std::mutex> g(mLock);
     Call& c = journalLocked(Op::DisableScenario, {handle});
-    if (takeFailureLocked(Op::DisableScenario)) {
+    Status failure;
+    if (takeFailureLocked(Op::DisableScenario, &failure)) {
         c.transportFailed = true;
-        return Status::fromStatusT(::android::FAILED_TRANSACTION);
+        return failure;
     }
     auto it = mScenarios.find(handle);
     if (it == mScenarios.end()) {
@@ -208,8 +214,12 @@ Return<void> SimPowerService::disableScenario(int32_t handle) {
 }
 
 void SimPowerService::injectTransportFailure(Op op, int count) {
+    injectTransportFailure(op, Status::fromStatusT(::android::FAILED_TRANSACTION), count);
+}
+
+void SimPowerService::injectTransportFailure(Op op, const Status& status, int count) {
     std::lock_guard<std::mutex> g(mLock);
-    mFailures[op] += count;
+    for (int i = 0; i < count; ++i) mFailures[op].push_back(status);
 }
 
 std::vector<Call> SimPowerService::journal() const {
