@@ -65,7 +65,8 @@ class JobQueue<void(), P> {
     std::pair<uint32_t, std::shared_future<void>> addJob(std::function<void()> job, int priority);
 
   private:
-    void workerLoop() noexcept;
+    // running points at where the worker shows the job it is running.
+    void workerLoop(std::atomic<void*>* running) noexcept;
     void setStateLocked(uint32_t target);
 
     const char* mName;

@@ -6,8 +6,10 @@
 
 #include <qrnhost/properties.h>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <mutex>
+#include <new>
 #include <string>
 #include <utility>
 #include <vector>
@@ -16,7 +18,9 @@ namespace {
 
 struct Store {
     std::mutex lock;
-    std::map<std::string, std::string> values;
+    // Looked up by the caller's C string as it is: reading a property
+    // allocates nothing.
+    std::map<std::string, std::string, std::less<>> values;
     bool fileLoaded = false;
 };
 
@@ -79,7 +83,7 @@ void ensureLoadedLocked(Store& s) {
             fprintf(stderr, "qrnhost: cannot read property file %s\n", path);
         return;
     }
-    for (auto& p : kv) s.values[p.first] = p.second;
+    for (auto& p : kv) s.values.insert_or_assign(p.first, p.second);
 }
 
 intmax_t getImax(const char* key, intmax_t lo, intmax_t hi, intmax_t def) {
@@ -101,27 +105,38 @@ intmax_t getImax(const char* key, intmax_t lo, intmax_t hi, intmax_t def) {
 
 }  // namespace
 
-extern "C" int property_get(const char* key, char* value, const char* default_value) {
-    if (!value) return -1;
-    std::string v;
-    if (key) {
-        Store& s = store();
-        std::lock_guard<std::mutex> g(s.lock);
-        ensureLoadedLocked(s);
-        auto it = s.values.find(key);
-        if (it != s.values.end()) v = it->second;
-    }
-    if (v.empty()) {
-        if (!default_value) {
-            value[0] = '\0';
-            return 0;
-        }
-        v = default_value;
-    }
-    size_t len = v.size() < PROPERTY_VALUE_MAX - 1 ? v.size() : PROPERTY_VALUE_MAX - 1;
-    memcpy(value, v.data(), len);
+namespace {
+
+int copyValue(char* value, const char* text, size_t size) {
+    size_t len = size < PROPERTY_VALUE_MAX - 1 ? size : PROPERTY_VALUE_MAX - 1;
+    memcpy(value, text, len);
     value[len] = '\0';
     return static_cast<int>(len);
+}
+
+}  // namespace
+
+// These are C functions, and like the device's they never throw: short of
+// memory (only loading the start-up file allocates), a property reads as
+// unset and cannot be set.
+extern "C" int property_get(const char* key, char* value, const char* default_value) {
+    if (!value) return -1;
+    if (key) {
+        try {
+            Store& s = store();
+            std::lock_guard<std::mutex> g(s.lock);
+            ensureLoadedLocked(s);
+            auto it = s.values.find(key);
+            if (it != s.values.end() && !it->second.empty())
+                return copyValue(value, it->second.data(), it->second.size());
+        } catch (const std::bad_alloc&) {
+        }
+    }
+    if (!default_value) {
+        value[0] = '\0';
+        return 0;
+    }
+    return copyValue(value, default_value, strlen(default_value));
 }
 
 extern "C" int8_t property_get_bool(const char* key, int8_t default_value) {
@@ -150,21 +165,31 @@ extern "C" int32_t property_get_int32(const char* key, int32_t default_value) {
 extern "C" int property_set(const char* key, const char* value) {
     if (!key || !*key || !value) return -1;
     if (strlen(value) >= PROPERTY_VALUE_MAX) return -1;
-    Store& s = store();
-    std::lock_guard<std::mutex> g(s.lock);
-    ensureLoadedLocked(s);
-    s.values[key] = value;
-    return 0;
+    try {
+        Store& s = store();
+        std::lock_guard<std::mutex> g(s.lock);
+        ensureLoadedLocked(s);
+        auto it = s.values.find(key);
+        if (it != s.values.end())
+            it->second = value;
+        else
+            s.values.emplace(key, value);
+        return 0;
+    } catch (const std::bad_alloc&) {
+        return -1;
+    }
 }
 
 extern "C" int property_list(void (*fn)(const char*, const char*, void*), void* cookie) {
     if (!fn) return -1;
     std::map<std::string, std::string> copy;
-    {
+    try {
         Store& s = store();
         std::lock_guard<std::mutex> g(s.lock);
         ensureLoadedLocked(s);
-        copy = s.values;
+        copy.insert(s.values.begin(), s.values.end());
+    } catch (const std::bad_alloc&) {
+        return -1;
     }
     for (auto& p : copy) fn(p.first.c_str(), p.second.c_str(), cookie);
     return 0;

@@ -40,12 +40,17 @@ class CpuCtrlTest : public ::testing::Test {
         return out;
     }
     // The controller's lines of at least minPriority since the last take,
-    // without the "[f] +" and "[f] -" scope lines; warnings marked "W ".
+    // without the "[f] +" and "[f] -" scope lines; warnings marked "W ",
+    // errors "E " and shown without the suffix that names the source line.
     std::string logs(int minPriority = ANDROID_LOG_DEBUG) {
         std::string out;
-        for (const auto& r : cap.records(Sink::Android))
-            if (r.tag == "QrnCam/CpuCtrl" && r.text.rfind("] ") + 3 != r.text.size() && r.priority >= minPriority)
-                out += (out.empty() ? "" : " | ") + std::string(r.priority == ANDROID_LOG_WARN ? "W " : "") + r.text;
+        for (const auto& r : cap.records(Sink::Android)) {
+            if (r.tag != "QrnCam/CpuCtrl" || r.text.rfind("] ") + 3 == r.text.size() || r.priority < minPriority)
+                continue;
+            const char* mark = r.priority == ANDROID_LOG_WARN ? "W " : r.priority == ANDROID_LOG_ERROR ? "E " : "";
+            out += std::string(out.empty() ? "" : " | ") + mark +
+                   std::regex_replace(r.text, std::regex(" \\(\\w+\\)\\{#[0-9]+:utils/sys/CpuCtrl\\.cpp\\}$"), "");
+        }
         cap.clear();
         return out;
     }
@@ -147,6 +152,32 @@ TEST_F(CpuCtrlTest, RequestsFailWithoutUserOrWithoutService) {
         "W [enablePreferIdle] mPowerHalService == NULL !!! | W [cpuPerformanceMode] mPowerHalService == NULL !!! | "
         "W [resetTimeout] mPowerHalHandle is invalid !!!",
         logs(ANDROID_LOG_WARN));
+}
+
+// A user's scenario outlives the service when a later init finds none: the
+// operations that work on the held handle fail with an ERROR line instead
+// of calling through the missing service, and the users can still leave.
+TEST_F(CpuCtrlTest, AServiceGoneByALaterInitFailsTheOperationsOnItsHandle) {
+    EXPECT_TRUE(ctrl->init() && ctrl->enable(info));
+    qrnhost::hidl::unregisterAll();
+    EXPECT_TRUE(ctrl->init());
+    calls(), logs();
+    EXPECT_FALSE(ctrl->disable());
+    EXPECT_FALSE(ctrl->resetTimeout(1));
+    EXPECT_FALSE(ctrl->enableBoost(1));
+    EXPECT_TRUE(ctrl->uninit() && ctrl->uninit());
+    EXPECT_EQ(
+        "E [disable] mPowerHalService == NULL !!! | E [resetTimeout] mPowerHalService == NULL !!! | "
+        "E [disable] mPowerHalService == NULL !!! | E [enableBoost] mPowerHalService == NULL !!! | "
+        "E [disable] mPowerHalService == NULL !!! | [uninit] More user(1) | "
+        "E [disable] mPowerHalService == NULL !!! | [uninit] Last user(0)",
+        logs());
+    // A boost right after an init without a service fails the same way.
+    EXPECT_TRUE(ctrl->init());
+    EXPECT_FALSE(ctrl->enableBoost(0));
+    EXPECT_TRUE(ctrl->uninit());
+    EXPECT_EQ("[init] First user(0) | E [enableBoost] mPowerHalService == NULL !!! | [uninit] Last user(0)", logs());
+    EXPECT_EQ("", calls());
 }
 
 // Calls whose result is not used may fail in transport without ending the

@@ -3,23 +3,16 @@
 // at exit.
 #include <gmock/gmock.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <IFileCache.h>
 #include <cutils/properties.h>
 #include <qrnhost/properties.h>
 #include <thread>
 
+#include "AllocFault.h"
 #include "Capture.h"
 #include "FileCacheInternal.h"
-
-// Allocation interposer (-Wl,--wrap): a test arms one failure of a given
-// size; the first malloc of that size fails and disarms it.
-extern "C" void* __real_malloc(size_t size);
-static std::atomic<size_t> gFailMalloc{0};
-extern "C" void* __wrap_malloc(size_t size) {
-    size_t armed = size;
-    return size != 0 && gFailMalloc.compare_exchange_strong(armed, 0) ? nullptr : __real_malloc(size);
-}
 
 namespace {
 
@@ -84,22 +77,82 @@ TEST_F(FileCacheTest, FaultsAreLoggedAndEveryBlockIsCreditedUnlessItsAllocationF
     EXPECT_EQ(nullptr, IFileCache::open(nullptr).get());
     // A failed block keeps its charge for good.
     constexpr size_t kOdd = 123457;
+    const std::string odd(kOdd, 'x');
     sp<IFileCache> fc = IFileCache::open(nomem.c_str());
-    gFailMalloc = kOdd;
-    EXPECT_EQ(-1, put(fc, std::string(kOdd, 'x')));
-    // Storage faults. Blocks larger than the stream buffer go straight to the device.
+    {
+        qrntest::AllocFault fault(1);  // the block's own allocation
+        EXPECT_EQ(-1, put(fc, odd));
+        EXPECT_EQ(kOdd, fault.failedMallocSize());
+    }
+    // Blocks the int result cannot report are refused before any charge.
+    char byte = 0;
+    EXPECT_EQ(-1, fc->write(&byte, 0x80000000u));
+    EXPECT_EQ(-1, fc->write(&byte, 0xFFFFFFFFu));
+    // Storage faults. Blocks larger than the stream buffer go straight to the
+    // device; small ones fail only when the file is closed.
     put(IFileCache::open(missing.c_str()), std::string(5000, 'a'));
     fc = IFileCache::open("/dev/full");
     put(fc, std::string(64 << 10, 'a')), put(fc, std::string(128 << 10, 'b'));
+    fc = IFileCache::open("/dev/full");
+    put(fc, std::string(100, 'c')), put(fc, std::string(100, 'd'));
     fc.clear();
     drain();
     EXPECT_EQ(mStart + kOdd, gCachedBytes.load());
     auto worker = [](const std::string& text) { return error(text, "operator\\(\\)"); };
     EXPECT_THAT(lines(),
-                ::testing::ElementsAre(error("File name is NULL\n", "open"),
-                                       error("<" + nomem + "> Fail to allocate memory", "write"),
-                                       worker("Fail to open physical file <" + missing + ">"),
-                                       worker("</dev/full> write error!!!"), worker("</dev/full> write error!!!")));
+                ::testing::ElementsAre(
+                    error("File name is NULL\n", "open"), error("<" + nomem + "> Fail to allocate memory", "write"),
+                    error("<" + nomem + "> Write size 2147483648 exceeds 2147483647 bytes", "write"),
+                    error("<" + nomem + "> Write size 4294967295 exceeds 2147483647 bytes", "write"),
+                    worker("Fail to open physical file <" + missing + ">"), worker("</dev/full> write error!!!"),
+                    worker("</dev/full> write error!!!"), worker("</dev/full> write error!!!")));
+}
+
+// Memory running out at any allocation of open, write or the drop of a
+// cache: each is a clean, reported failure of that call (null, -1) or, for
+// the drop, a flush on the caller's thread. No exception leaves the library,
+// no lock stays held (the next write on the cache goes through), the file
+// holds exactly the blocks that were accepted, and the budget is back where
+// it was but for a block whose own allocation failed, which keeps its charge.
+TEST_F(FileCacheTest, AllocationFailuresAnywhereInOpenWriteAndDropFailCleanly) {
+    if (!qrntest::AllocFault::available()) GTEST_SKIP() << "operator new cannot be made to fail here";
+    const std::string first = "first", second = "second!";
+    bool openFailed = false, cacheUnusable = false, blockFailed = false, appendFailed = false, dropFailed = false;
+    long n = 1;
+    for (;; ++n) {
+        const std::string name = file(std::to_string(n));
+        const uint64_t before = gCachedBytes.load();
+        mCap.clear();
+        qrntest::AllocFault fault(n);
+        sp<IFileCache> fc = IFileCache::open(name.c_str());
+        const int w1 = fc != nullptr ? put(fc, first) : 0;
+        const int w2 = fc != nullptr ? put(fc, second) : 0;
+        fc.clear();
+        const bool fired = fault.fired();
+        const size_t failedMalloc = fault.failedMallocSize();
+        fault.disarm();
+        drain();
+        SCOPED_TRACE("allocation " + std::to_string(n));
+
+        const bool opened = w1 != 0;
+        const bool unusable = opened && w1 == -1 && w2 == -1;
+        EXPECT_TRUE(!opened || w1 == -1 || w1 == int(first.size())) << w1;
+        EXPECT_TRUE(!opened || w2 == -1 || w2 == int(second.size())) << w2;
+        EXPECT_EQ(before + (failedMalloc == first.size() || failedMalloc == second.size() ? failedMalloc : 0),
+                  gCachedBytes.load());
+        const std::string want = (w1 > 0 ? first : "") + (w2 > 0 ? second : "");
+        EXPECT_EQ(opened && !unusable, access(name.c_str(), F_OK) == 0);
+        EXPECT_EQ(want, qrntest::readFile(name));
+        if (!opened || w1 == -1 || w2 == -1) {  // a failed call says so, with the file's name
+            EXPECT_THAT(lines(), ::testing::Contains(::testing::HasSubstr("<" + name + ">")));
+        }
+        openFailed |= !opened, cacheUnusable |= unusable;
+        const bool writeFailed = !unusable && (w1 == -1 || w2 == -1);
+        blockFailed |= writeFailed && failedMalloc != 0, appendFailed |= writeFailed && failedMalloc == 0;
+        dropFailed |= fired && w1 > 0 && w2 > 0;
+        if (!fired || HasFailure()) break;
+    }
+    EXPECT_TRUE(openFailed && cacheUnusable && blockFailed && appendFailed && dropFailed) << "after " << n;
 }
 
 TEST_F(FileCacheTest, RacingWritersFillTheBudgetExactlyAndNeverOverrunIt) {
@@ -140,6 +193,18 @@ TEST(FileCacheChildTest, DumpsStillQueuedAtExitReachStorageComplete) {
         for (int b = 0; b < 4; ++b) expected += std::string(300000, static_cast<char>('A' + c * 4 + b));
         EXPECT_TRUE(expected == qrntest::readFile(dir.file("dump" + std::to_string(c) + ".bin"))) << "cache " << c;
     }
+}
+
+// A child made by fork() must neither hang in exit() on a worker it does not
+// have nor write the parent's queued dumps a second time; its own dump is
+// written, by the thread that drops it.
+TEST(FileCacheChildTest, AForkedChildExitsAndLeavesTheParentsDumpsToIt) {
+    qrntest::TempDir dir;
+    qrntest::ChildResult r = qrntest::runChild({QRNCAM_FILECACHE_CHILD, "fork", dir.path()});
+    ASSERT_TRUE(WIFEXITED(r.status) && WEXITSTATUS(r.status) == 0) << r.output;
+    for (int c = 0; c < 3; ++c)
+        EXPECT_EQ("parent " + std::to_string(c), qrntest::readFile(dir.file("parent" + std::to_string(c) + ".bin")));
+    EXPECT_EQ("child", qrntest::readFile(dir.file("child.bin")));
 }
 
 }  // namespace

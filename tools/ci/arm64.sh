@@ -45,4 +45,4 @@ cmake -S . -B "$build" -G Ninja -DCMAKE_TOOLCHAIN_FILE=cmake/toolchains/aarch64-
   -DQRNCAM_ARM64_SYSROOT="$sysroot" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQRNCAM_BUILD_BENCH=OFF >/dev/null
 cmake --build "$build" -j"$jobs"
 file -L "$build/lib/libqrncam_sysutils.so" | grep -q 'ARM aarch64'
-(cd "$build" && ctest -j"$jobs" --output-on-failure --timeout 300 ${exclude:+-E "$exclude"})
+(cd "$build" && ctest -j"$jobs" --output-on-failure --timeout 300 -LE stress ${exclude:+-E "$exclude"})

@@ -41,6 +41,19 @@ lane_tsan() {
   TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" ctest --preset tsan
 }
 
+lane_stress() {
+  # Bounded stress runs (tests/stress) under ASan+UBSan and under TSan, on
+  # the builds of those lanes. QRNCAM_STRESS_SCALE multiplies the rounds.
+  export QRNCAM_STRESS_SCALE=${QRNCAM_STRESS_SCALE:-4}
+  cmake --preset asan >/dev/null
+  cmake --build --preset asan -j"$jobs"
+  ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1 ctest --preset asan-stress
+  tools/ci/build-tsan-libutils.sh "$root/build/tsan-libutils"
+  cmake --preset tsan -DQRNCAM_LIBUTILS_DIR="$root/build/tsan-libutils" >/dev/null
+  cmake --build --preset tsan -j"$jobs"
+  TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" ctest --preset tsan-stress
+}
+
 lane_valgrind() {
   # memcheck over the tests that do not fork: no invalid access, no
   # definite leak.

@@ -21,6 +21,7 @@
 #include <dlfcn.h>
 
 #include <mutex>
+#include <new>
 
 using ::android::wp;
 using ::android::hardware::Return;
@@ -92,7 +93,10 @@ static const char kCreatorRef[] = "Cam3CPUCtrl creator";
 
 Cam3CPUCtrl* Cam3CPUCtrl::createInstance() {
     QRN_LOGD("[%s] ", __FUNCTION__);
-    return new Cam3CPUCtrlImp();
+    // Out of memory the caller gets no object rather than an exception.
+    Cam3CPUCtrl* ctrl = new (std::nothrow) Cam3CPUCtrlImp();
+    if (ctrl == nullptr) QRN_LOGE("[%s] Fail to allocate Cam3CPUCtrlImp", __FUNCTION__);
+    return ctrl;
 }
 
 Cam3CPUCtrlImp::Cam3CPUCtrlImp() : mReserved{}, mDestroying(false) {

@@ -8,6 +8,8 @@
 
 #include <SysLog.h>
 
+#include <new>
+
 using ::android::hardware::Return;
 using namespace ::vendor::quarnel::hardware::power::V2_0;
 
@@ -34,7 +36,10 @@ CpuCtrl::~CpuCtrl() = default;
 
 CpuCtrl* CpuCtrl::createInstance() {
     QRN_LOGD("[%s] ", __FUNCTION__);
-    return new CpuCtrlImp();
+    // Out of memory the caller gets no object rather than an exception.
+    CpuCtrl* ctrl = new (std::nothrow) CpuCtrlImp();
+    if (ctrl == nullptr) QRN_LOGE("[%s] Fail to allocate CpuCtrlImp", __FUNCTION__);
+    return ctrl;
 }
 
 CpuCtrlImp::CpuCtrlImp() {
@@ -144,6 +149,16 @@ void CpuCtrlImp::endRequest(::qrncam::log::ScopedFunctionTrace& scope) {
     pthread_mutex_unlock(&mLock);
 }
 
+// The operations that work on an existing handle use the service without
+// looking it up. Reached without one (no service at the last init), they
+// fail with an ERROR line instead of calling through a null reference.
+bool CpuCtrlImp::serviceOrError(const char* function, ::qrncam::log::ScopedFunctionTrace& scope) {
+    if (mPowerHalService != nullptr) return true;
+    QRN_LOGE("[%s] mPowerHalService == NULL !!!", function);
+    endRequest(scope);
+    return false;
+}
+
 bool CpuCtrlImp::enable(CPU_CTRL_INFO& info) {
     QRN_FUNCTION_SCOPE("CpuCtrl::enable");
     if (!beginRequest(__FUNCTION__, qrnFunctionScope_)) return false;
@@ -243,9 +258,13 @@ bool CpuCtrlImp::disable() {
     }
     if (mEnabled != 0) {
         // The scenario stays registered so that resetTimeout and the boost
-        // can bring it back; only the last uninit drops it. No null check of
-        // the service: a handle other than -1 was obtained from it.
-        if (mPowerHalHandle != -1) ignoreResult(mPowerHalService->disableScenario(mPowerHalHandle));
+        // can bring it back; only the last uninit drops it. A later init
+        // may have found no service while the handle was still held: then
+        // the scenario cannot be reached, and stays recorded as enabled.
+        if (mPowerHalHandle != -1) {
+            if (!serviceOrError(__FUNCTION__, qrnFunctionScope_)) return false;
+            ignoreResult(mPowerHalService->disableScenario(mPowerHalHandle));
+        }
         mEnabled = 0;
     } else {
         QRN_LOGD("[%s] Not thing to disable", __FUNCTION__);
@@ -270,6 +289,7 @@ bool CpuCtrlImp::resetTimeout(int timeoutSeconds) {
         endRequest(qrnFunctionScope_);
         return false;
     }
+    if (!serviceOrError(__FUNCTION__, qrnFunctionScope_)) return false;
     // mEnabled is left alone, so after disable() this brings the scenario
     // back on the service while the object still counts it as withdrawn.
     // Callers use this to re-arm a withdrawn scenario for a while without
@@ -283,9 +303,10 @@ bool CpuCtrlImp::resetTimeout(int timeoutSeconds) {
 bool CpuCtrlImp::enableBoost(int timeoutSeconds) {
     QRN_FUNCTION_SCOPE("CpuCtrl::enableBoost");
     if (!beginRequest(__FUNCTION__, qrnFunctionScope_)) return false;
-    // The boost adds its pins to whatever scenario is current, -1 included,
-    // and does not check the service: callers boost on top of the request
-    // they made just before, after an init that found the service.
+    // The boost adds its pins to whatever scenario is current, -1 included:
+    // callers boost on top of the request they made just before, after an
+    // init that found the service.
+    if (!serviceOrError(__FUNCTION__, qrnFunctionScope_)) return false;
     const int32_t h = mPowerHalHandle;
     int32_t clusters = mPowerHalService->querySystemInfo(SYSINFO_CLUSTER_NUM, 0);
     for (int32_t i = 0; i < clusters; ++i) {

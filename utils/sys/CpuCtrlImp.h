@@ -42,6 +42,9 @@ class CpuCtrlImp : public CpuCtrl {
     bool beginRequest(const char* function, ::qrncam::log::ScopedFunctionTrace& scope);
     // Closes the scope line under the lock, then unlocks.
     void endRequest(::qrncam::log::ScopedFunctionTrace& scope);
+    // With mLock held: true when the service is there; otherwise an ERROR
+    // line, the scope closed, the lock released and false.
+    bool serviceOrError(const char* function, ::qrncam::log::ScopedFunctionTrace& scope);
 
     // Serialises init, uninit, disable and the requests; released around a
     // request's nested disable().

@@ -7,6 +7,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <IFileCache.h>
 #include <JobQueue.h>
@@ -14,6 +15,11 @@
 #include <cutils/properties.h>
 
 #include "FileCacheInternal.h"
+
+#include <climits>
+#include <list>
+#include <new>
+#include <vector>
 
 namespace NSCam {
 
@@ -25,6 +31,59 @@ constexpr uint32_t kStateStopped = 0;
 constexpr uint32_t kStateAccepting = 2;
 // new state = min(current, target): the state can only fall.
 constexpr uint32_t kStateTransition[3][3] = {{0, 0, 0}, {0, 1, 1}, {0, 1, 2}};
+
+// fork(). A child gets a copy of every queue but not its worker thread, and
+// a child of a multithreaded process cannot safely start threads. So in the
+// child each queue is stopped: it accepts no job (a file cache dropped there
+// is then written by the thread that drops it), and its destructor returns
+// at once instead of waiting for a worker that does not exist. The jobs it
+// came with are the parent's, which runs them; the child never does, and
+// releases them when the queue goes (a flush then gives its memory back).
+//
+// Every live queue is registered for the fork handlers, which hold the
+// queues' locks across the fork. The registry also points at the job each
+// worker is running, so that in a child, where the worker's stack is gone,
+// that job is still reachable memory rather than a leak.
+struct QueueEntry {
+    void* queue;
+    void (*prepare)(void*);  // before fork: take the queue's lock
+    void (*parent)(void*);   // after, in the parent: release it
+    void (*child)(void*);    // after, in the child: stop the queue
+    std::atomic<void*> running{nullptr};
+};
+
+struct QueueRegistry {
+    std::mutex lock;
+    std::list<QueueEntry> queues;  // stable addresses: workers keep theirs
+};
+
+QueueRegistry& queueRegistry() {
+    // Never destroyed: queues may unregister from exit handlers.
+    static QueueRegistry* registry = [] {
+        auto* r = new QueueRegistry;
+        pthread_atfork(
+            [] {
+                QueueRegistry& qr = queueRegistry();
+                qr.lock.lock();
+                for (const QueueEntry& e : qr.queues)
+                    if (e.queue != nullptr) e.prepare(e.queue);
+            },
+            [] {
+                QueueRegistry& qr = queueRegistry();
+                for (const QueueEntry& e : qr.queues)
+                    if (e.queue != nullptr) e.parent(e.queue);
+                qr.lock.unlock();
+            },
+            [] {
+                QueueRegistry& qr = queueRegistry();
+                for (const QueueEntry& e : qr.queues)
+                    if (e.queue != nullptr) e.child(e.queue);
+                qr.lock.unlock();
+            });
+        return r;
+    }();
+    return *registry;
+}
 }  // namespace
 
 template <JQPriority P>
@@ -38,10 +97,34 @@ JobQueue<void(), P>::templateOp<JQPriority(0), Unused>::dequeJobLocked(std::dequ
 
 template <JQPriority P>
 JobQueue<void(), P>::JobQueue(const char* name) : mName(name), mWorkerTid(0), mState(kStateAccepting), mJobCounter(0) {
+    QueueRegistry& qr = queueRegistry();
+    QueueEntry* entry;
+    {
+        std::lock_guard<std::mutex> g(qr.lock);
+        entry = &qr.queues.emplace_back();
+        entry->queue = this;
+        entry->prepare = [](void* q) { static_cast<JobQueue*>(q)->mMutex.lock(); };
+        entry->parent = [](void* q) { static_cast<JobQueue*>(q)->mMutex.unlock(); };
+        entry->child = [](void* q) {
+            auto* self = static_cast<JobQueue*>(q);
+            // The forking thread is the child's only thread and owns the
+            // lock. The condition variables may count waiters that do not
+            // exist here, so they start afresh. Unless the fork came from one
+            // of the queue's own jobs, the worker stayed behind, and its
+            // future would wait for it when released: it is left unreleased.
+            new (&self->mJobCond) std::condition_variable();
+            new (&self->mIdleCond) std::condition_variable();
+            if (!pthread_equal(self->mWorkerTid.load(std::memory_order_relaxed), pthread_self()))
+                new (&self->mWorker) std::future<void>();
+            self->setStateLocked(kStateStopped);
+            self->mMutex.unlock();
+        };
+    }
     // std::launch::async: the worker always has a thread of its own. If the
     // thread cannot be created the exception leaves a static initialiser
     // and the runtime ends the process.
-    mWorker = std::async(std::launch::async, [this] { workerLoop(); });
+    std::atomic<void*>* running = &entry->running;
+    mWorker = std::async(std::launch::async, [this, running] { workerLoop(running); });
 }
 
 template <JQPriority P>
@@ -52,10 +135,13 @@ void JobQueue<void(), P>::setStateLocked(uint32_t target) {
 // noexcept: a task run twice (or a job that throws) must end the process
 // rather than be swallowed into the worker's future.
 template <JQPriority P>
-void JobQueue<void(), P>::workerLoop() noexcept {
+void JobQueue<void(), P>::workerLoop(std::atomic<void*>* running) noexcept {
     mWorkerTid.store(pthread_self(), std::memory_order_release);
     for (;;) {
         std::unique_lock<std::mutex> lock(mMutex);
+        // Only a fork from inside a job stops the queue under a running
+        // worker; the child's copy of it then takes no further job.
+        if (mState == kStateStopped) break;
         if (mJobs.empty()) {
             mIdleCond.notify_all();
             // No predicate: a spurious wake-up just leads to a fresh check.
@@ -67,9 +153,13 @@ void JobQueue<void(), P>::workerLoop() noexcept {
             setStateLocked(kStateStopped);
             mIdleCond.notify_all();
         }
+        // Shown before the lock goes: a fork holds the lock, so the child
+        // never sees a job that has left the deque but is not yet shown.
+        running->store(job.get(), std::memory_order_relaxed);
         lock.unlock();
         if (!job || !job->task.valid()) break;
         job->task();
+        running->store(nullptr, std::memory_order_relaxed);
     }
     std::lock_guard<std::mutex> lock(mMutex);
     setStateLocked(kStateStopped);
@@ -83,16 +173,28 @@ std::pair<uint32_t, std::shared_future<void>> JobQueue<void(), P>::addJob(std::f
 
     // Built before the lock is taken. The wrapper is noexcept so that a job
     // that throws ends the process instead of parking the exception in a
-    // future nobody reads.
-    std::shared_ptr<JobTask> task = std::make_shared<JobTask>(
-        JobTask{result.first, priority, std::packaged_task<void()>([fn = std::move(job)]() noexcept { fn(); })});
+    // future nobody reads. Short of memory, nothing is queued and the caller
+    // gets an empty future, as for a stopped queue.
+    std::shared_ptr<JobTask> task;
+    try {
+        task = std::make_shared<JobTask>(
+            JobTask{result.first, priority, std::packaged_task<void()>([fn = std::move(job)]() noexcept { fn(); })});
+    } catch (const std::bad_alloc&) {
+        FC_LOGE("<%s> Fail to allocate job %u", mName, result.first);
+        return result;
+    }
 
     std::lock_guard<std::mutex> lock(mMutex);
     // A rejected task is destroyed unrun (breaking its promise); the caller
     // gets an empty future.
     if (mState != kStateAccepting) return result;
+    try {
+        mJobs.push_front(task);
+    } catch (const std::bad_alloc&) {
+        FC_LOGE("<%s> Fail to allocate job %u", mName, result.first);
+        return result;
+    }
     result.second = task->task.get_future().share();
-    mJobs.push_front(std::move(task));
     mJobCond.notify_one();
     return result;
 }
@@ -123,6 +225,22 @@ JobQueue<void(), P>::~JobQueue() {
         lock.unlock();
     }
     if (mWorker.valid()) mWorker.wait();
+
+    // In a child that inherited a running job, the entry stays as that
+    // job's only keeper (the worker that owned it is not in this process);
+    // it is just detached from the queue.
+    QueueRegistry& qr = queueRegistry();
+    std::lock_guard<std::mutex> g(qr.lock);
+    for (auto it = qr.queues.begin(); it != qr.queues.end();) {
+        if (it->queue != this) {
+            ++it;
+        } else if (it->running.load(std::memory_order_relaxed) != nullptr) {
+            it->queue = nullptr;
+            ++it;
+        } else {
+            it = qr.queues.erase(it);
+        }
+    }
 }
 
 template class JobQueue<void(), JQPriority(0)>;
@@ -141,10 +259,21 @@ std::atomic<int64_t> gStorageLimit{1073741824};
 
 namespace {
 
+// The lock is held across fork(), so that a child never starts with a copy
+// of it that another thread of the parent held.
 pthread_mutex_t* newCachedBytesLock() {
     pthread_mutex_t* m = new pthread_mutex_t;
     pthread_mutex_init(m, nullptr);
+    pthread_atfork([] { pthread_mutex_lock(gCachedBytesLock); }, [] { pthread_mutex_unlock(gCachedBytesLock); },
+                   [] { pthread_mutex_unlock(gCachedBytesLock); });
     return m;
+}
+
+// Gives written (or abandoned) bytes back to the budget.
+void credit(unsigned int bytes) {
+    pthread_mutex_lock(gCachedBytesLock);
+    gCachedBytes.store(gCachedBytes.load(std::memory_order_relaxed) - bytes, std::memory_order_relaxed);
+    pthread_mutex_unlock(gCachedBytesLock);
 }
 
 constexpr size_t kNameBlockSize = 256;
@@ -177,6 +306,8 @@ void copyName(char (&out)[kNameBlockSize], const char* name) {
 
 using Chunks = std::vector<std::pair<void*, unsigned int>>;
 
+// The flush of one cache: writes the chunks, then releases them (the blocks,
+// their charge on the budget, the list and the name block).
 struct FlushJob {
     void operator()(char* fileName, Chunks* chunks) const {
         // The count is taken as a signed 32-bit value, so the loops run only
@@ -196,32 +327,72 @@ struct FlushJob {
                     FC_LOGE("<%s> write error!!!", fileName);
                 }
             }
-            fclose(fp);
+            // Chunks smaller than the stream's buffer reach the file only
+            // here, and a full or broken storage fails them only here: data
+            // lost at the close is reported as any short write is.
+            if (fclose(fp) != 0) FC_LOGE("<%s> write error!!!", fileName);
         } else {
             FC_LOGE("Fail to open physical file <%s>", fileName == nullptr ? "" : fileName);
         }
 
+        char name[kNameBlockSize];
+        release(fileName, chunks, name);
+        FC_LOGI(logEnabled(), "<%s> write done, (remain = %d KB)", name,
+                static_cast<int>(gCachedBytes.load(std::memory_order_relaxed) >> 10));
+    }
+
+    // Frees every block and credits it, then the list and the name block,
+    // leaving a copy of the name in name for the lines that follow.
+    static void release(char* fileName, Chunks* chunks, char (&name)[kNameBlockSize]) {
+        const int n = chunks == nullptr ? 0 : static_cast<int>(chunks->size());
+        char data[kPreviewBytes + 1];
         for (int i = 0; i < n; ++i) {
             const std::pair<void*, unsigned int>& c = (*chunks)[i];
             FC_LOGD(logEnabled(), "<%s> free %d bytes (%d/%d)", preview(data, c.first, c.second),
                     static_cast<int>(c.second), i, n);
             free(c.first);
-            pthread_mutex_lock(gCachedBytesLock);
-            gCachedBytes.store(gCachedBytes.load(std::memory_order_relaxed) - c.second, std::memory_order_relaxed);
-            pthread_mutex_unlock(gCachedBytesLock);
+            credit(c.second);
         }
         if (chunks != nullptr) {
             chunks->clear();
             delete chunks;
         }
-
-        // The name block goes before the last line, which prints a copy.
-        char name[kNameBlockSize];
         copyName(name, fileName);
         free(fileName);
-        FC_LOGI(logEnabled(), "<%s> write done, (remain = %d KB)", name,
-                static_cast<int>(gCachedBytes.load(std::memory_order_relaxed) >> 10));
     }
+};
+
+// One cache's chunks on their way to storage. It owns them, with the name
+// block, until its flush has run. Destroyed without having run (a job that
+// the queue released unrun: accepted after its stop marker, or inherited by
+// a child made by fork()), it gives the memory and the budget back without
+// writing; in the process that posted it the data is then lost, which is
+// reported as any failed write is.
+class PendingFlush {
+  public:
+    PendingFlush(char* fileName, Chunks* chunks) : mPoster(getpid()), mFileName(fileName), mChunks(chunks) {}
+    PendingFlush(const PendingFlush&) = delete;
+    PendingFlush& operator=(const PendingFlush&) = delete;
+
+    ~PendingFlush() {
+        if (mFileName == nullptr && mChunks == nullptr) return;
+        if (mPoster == getpid()) FC_LOGE("<%s> write error!!!", mFileName == nullptr ? "" : mFileName);
+        char name[kNameBlockSize];
+        FlushJob::release(mFileName, mChunks, name);
+    }
+
+    void run() {
+        char* fileName = mFileName;
+        Chunks* chunks = mChunks;
+        mFileName = nullptr;
+        mChunks = nullptr;
+        FlushJob()(fileName, chunks);
+    }
+
+  private:
+    const pid_t mPoster;
+    char* mFileName;
+    Chunks* mChunks;
 };
 
 }  // namespace
@@ -245,7 +416,14 @@ android::sp<IFileCache> IFileCache::open(const char* fileName) {
         FC_LOGE("File name is NULL\n");
         return nullptr;
     }
-    return new FileCache(fileName);
+    // Out of memory for the object (or the reference count behind it), the
+    // caller gets no cache rather than an exception.
+    try {
+        return new FileCache(fileName);
+    } catch (const std::bad_alloc&) {
+        FC_LOGE("<%s> Fail to create FileCache", fileName);
+        return nullptr;
+    }
 }
 
 }  // namespace NSCam
@@ -264,7 +442,14 @@ FileCache::FileCache(const char* fileName) : mFileName(nullptr), mChunks(nullptr
         return;
     }
     strncpy(mFileName, fileName, kNameBlockSize - 1);
-    mChunks = new Chunks();
+    // Without a chunk list the object is in the state of a failed name
+    // block: it takes no data and flushes nothing.
+    mChunks = new (std::nothrow) Chunks();
+    if (mChunks == nullptr) {
+        FC_LOGE("<%s> Fail to allocate chunk list", fileName);
+        free(mFileName);
+        mFileName = nullptr;
+    }
 }
 
 FileCache::~FileCache() {
@@ -281,6 +466,12 @@ void FileCache::onFirstRef() {}
 
 int FileCache::write(const void* data, unsigned int size) {
     if (mChunks == nullptr) return -1;
+    // The result is the size as an int: a block it cannot report is refused
+    // before anything is charged.
+    if (size > static_cast<unsigned int>(INT_MAX)) {
+        FC_LOGE("<%s> Write size %u exceeds %d bytes", mFileName, size, INT_MAX);
+        return -1;
+    }
 
     int result;
     pthread_mutex_lock(&mLock);
@@ -310,8 +501,17 @@ int FileCache::write(const void* data, unsigned int size) {
         } else {
             if (size != 0) memcpy(block, data, size);
             FC_LOGD(logEnabled(), "<%s> Write %d bytes to memory", mFileName, static_cast<int>(size));
-            mChunks->push_back(std::make_pair(block, size));
-            result = static_cast<int>(size);
+            // A block the list has no room for is not kept, so neither its
+            // memory nor its charge is.
+            try {
+                mChunks->push_back(std::make_pair(block, size));
+                result = static_cast<int>(size);
+            } catch (const std::bad_alloc&) {
+                free(block);
+                credit(size);
+                FC_LOGE("<%s> Fail to allocate memory", mFileName);
+                result = -1;
+            }
         }
     }
     pthread_mutex_unlock(&mLock);
@@ -319,7 +519,19 @@ int FileCache::write(const void* data, unsigned int size) {
 }
 
 void writeToFile(char* fileName, std::vector<std::pair<void*, unsigned int>>* chunks) {
-    std::function<void()> job = std::bind(FlushJob(), fileName, chunks);
-    // The future is dropped: nobody waits for a flush.
-    (void)gFileCacheQueue.addJob(std::move(job), 0);
+    std::shared_ptr<PendingFlush> flush;
+    try {
+        flush = std::make_shared<PendingFlush>(fileName, chunks);
+        std::function<void()> job = std::bind(&PendingFlush::run, flush);
+        // The future is dropped: nobody waits for a flush.
+        if (gFileCacheQueue.addJob(std::move(job), 0).second.valid()) return;
+    } catch (const std::bad_alloc&) {
+    }
+    // Not queued (no memory for the job, or a stopped queue: at exit, or in
+    // a child made by fork()): the file is written here, on the caller's
+    // thread, rather than lost.
+    if (flush != nullptr)
+        flush->run();
+    else
+        FlushJob()(fileName, chunks);
 }
