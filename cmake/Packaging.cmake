@@ -1,19 +1,45 @@
-# cmake --install: the library and the host platform it needs, the public
-# headers (with the platform headers they include), a CMake package config
-# for find_package(qrncam_sysutils) and a pkg-config file.
+# cmake --install: the library and the host platform it needs (with the test
+# harness of qrnhost/testing.h), the public headers (with the platform headers
+# they include), a CMake package config for find_package(qrncam_sysutils)
+# and a pkg-config file.
 include(CMakePackageConfigHelpers)
 
 set(QRNCAM_INSTALL_CMAKEDIR "${CMAKE_INSTALL_LIBDIR}/cmake/qrncam_sysutils")
 set(QRNCAM_INSTALL_INCDIR "${CMAKE_INSTALL_INCLUDEDIR}/qrncam_sysutils")
+set(QRNCAM_INSTALL_PERFDIR "${CMAKE_INSTALL_LIBDIR}/perf")
 
 install(TARGETS qrncam_sysutils ${QRNHOST_LIBRARIES}
   EXPORT qrncam_sysutilsTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   INCLUDES DESTINATION ${QRNCAM_INSTALL_INCDIR} ${QRNCAM_INSTALL_INCDIR}/platform)
+# The simulated perf-lock library keeps a directory of its own, as in the
+# build tree: the library opens it by name through its RUNPATH, and the
+# harness links it to read its journal.
+install(TARGETS qrnhost_perfsim
+  EXPORT qrncam_sysutilsTargets
+  LIBRARY DESTINATION ${QRNCAM_INSTALL_PERFDIR}
+  INCLUDES DESTINATION ${QRNCAM_INSTALL_INCDIR}/platform)
+set_property(TARGET qrncam_sysutils qrnhost_testing APPEND PROPERTY INSTALL_RPATH "$ORIGIN/perf")
+
 install(DIRECTORY include/ DESTINATION ${QRNCAM_INSTALL_INCDIR})
-foreach(dir host/properties/include host/hidl/include host/camera/include host/trace/include
-            host/powersim/include host/power_client/include utils/power)
+# An example project of camera code tested with the harness, to start from.
+install(DIRECTORY host/testing/example/ DESTINATION ${CMAKE_INSTALL_DATADIR}/qrncam_sysutils/example)
+foreach(dir host/properties/include host/hidl/include host/camera/include host/trace/include host/kernelfs/include
+            host/powersim/include host/power_client/include host/perfsim/include host/testing/include utils/power)
   install(DIRECTORY ${dir}/ DESTINATION ${QRNCAM_INSTALL_INCDIR}/platform)
+endforeach()
+
+# Threads::Threads stays a dependency of the build tree only: on this C
+# library it stands for nothing (CMAKE_THREAD_LIBS_INIT is empty), and naming
+# it in the exported interfaces would make every user's project look for
+# Threads. Where the threads do need a flag, the installed interface gets it.
+foreach(target qrncam_sysutils ${QRNHOST_LIBRARIES} qrnhost_perfsim)
+  get_target_property(libs ${target} INTERFACE_LINK_LIBRARIES)
+  if(libs)
+    list(TRANSFORM libs REPLACE "^Threads::Threads$"
+         "$<BUILD_INTERFACE:Threads::Threads>$<INSTALL_INTERFACE:${CMAKE_THREAD_LIBS_INIT}>")
+    set_property(TARGET ${target} PROPERTY INTERFACE_LINK_LIBRARIES "${libs}")
+  endif()
 endforeach()
 
 install(EXPORT qrncam_sysutilsTargets NAMESPACE qrncam_sysutils:: DESTINATION ${QRNCAM_INSTALL_CMAKEDIR})
@@ -22,7 +48,7 @@ configure_package_config_file(cmake/qrncam_sysutilsConfig.cmake.in
 write_basic_package_version_file("${CMAKE_BINARY_DIR}/qrncam_sysutilsConfigVersion.cmake"
   COMPATIBILITY SameMajorVersion)
 install(FILES "${CMAKE_BINARY_DIR}/qrncam_sysutilsConfig.cmake"
-  "${CMAKE_BINARY_DIR}/qrncam_sysutilsConfigVersion.cmake" cmake/AndroidHost.cmake
+  "${CMAKE_BINARY_DIR}/qrncam_sysutilsConfigVersion.cmake"
   DESTINATION ${QRNCAM_INSTALL_CMAKEDIR})
 
 configure_file(cmake/qrncam_sysutils.pc.in "${CMAKE_BINARY_DIR}/qrncam_sysutils.pc" @ONLY)

@@ -37,8 +37,13 @@ class FileCache : public NSCam::IFileCache {
     void onFirstRef() override;
 
   private:
-    char* mFileName;                                       // 256-byte block, owned by the flush job later
-    std::vector<std::pair<void*, unsigned int>>* mChunks;  // blocks in write order; null without a name
+    // 256-byte block, set by the constructor and not changed after: read
+    // without a lock. Owned by the flush job later.
+    char* mFileName;
+    // Blocks in write order; null without a name. The pointer is set by the
+    // constructor; the vector's contents are guarded by mLock.
+    std::vector<std::pair<void*, unsigned int>>* mChunks;
+    // Taken before the process-wide gCachedBytesLock, never after it.
     pthread_mutex_t mLock;
 };
 

@@ -1,15 +1,15 @@
 #!/usr/bin/env bash
 # Builds the project and runs the whole test suite, then the quality lanes.
 # Usage: tools/test.sh [LANE ...]
-#   lanes: default (normal build, every test), device (as the device
-#          compiles it, suite on libc++), asan (ASan+UBSan), tsan, valgrind,
-#          stress (bounded, under ASan+UBSan and TSan), tidy, arm64, fuzz,
-#          package;  no argument runs them all.
+#   lanes: default (normal build, every test), format (clang-format),
+#          device (as the device compiles it, suite on libc++), asan
+#          (ASan+UBSan), tsan, stress (bounded, under ASan+UBSan and TSan),
+#          valgrind, tidy, arm64, fuzz, package;  no argument runs them all.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
 lanes=("$@")
-[ "${#lanes[@]}" -gt 0 ] || lanes=(default device asan tsan stress valgrind tidy package arm64 fuzz)
+[ "${#lanes[@]}" -gt 0 ] || lanes=(default format device asan tsan stress valgrind tidy package arm64 fuzz)
 cross=0
 for l in "${lanes[@]}"; do [ "$l" = arm64 ] && cross=1; done
 if [ "$cross" = 1 ]; then tools/ci/install-deps.sh --cross; else tools/ci/install-deps.sh; fi

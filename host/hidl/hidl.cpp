@@ -62,6 +62,9 @@ std::string statusName(status_t s) {
 Status Status::fromExceptionCode(int32_t exceptionCode) {
     Status s;
     s.mException = exceptionCode;
+    // A transaction failure raised as an exception carries the generic
+    // transport error, so that transactionError() never reads OK for it.
+    if (exceptionCode == EX_TRANSACTION_FAILED) s.mErrorCode = FAILED_TRANSACTION;
     return s;
 }
 
@@ -79,15 +82,17 @@ Status Status::fromStatusT(status_t status) {
     return s;
 }
 
+// The device's text: "No error", or the exception and the quoted message,
+// the message preceded by the transport error for a failed transaction
+// ("Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: '" when there is none).
 std::string Status::description() const {
+    if (mException == EX_NONE) return "No error";
     std::string out = "Status(";
     out += exceptionName(mException);
-    out += ")";
-    if (mException == EX_TRANSACTION_FAILED) {
-        out += ": '" + statusName(mErrorCode) + "'";
-    } else if (!mMessage.empty()) {
-        out += ": '" + mMessage + "'";
-    }
+    out += "): '";
+    if (mException == EX_TRANSACTION_FAILED) out += statusName(mErrorCode) + ": ";
+    out += mMessage;
+    out += "'";
     return out;
 }
 
@@ -212,9 +217,31 @@ Runtime& runtime() {
     return r;
 }
 
+using Name = std::pair<std::string, std::string>;  // descriptor, instance
+
+struct LinkFault {
+    Times times = Times::Next;
+    bool returnFalse = false;  // else fail with status
+    Status status;
+};
+
 struct Registry {
     std::mutex lock;
-    std::map<std::pair<std::string, std::string>, sp<Connection>> services;
+    std::map<Name, sp<Connection>> services;
+
+    // A leaf lock: taken under a connection's lock, never the other way.
+    std::mutex faultLock;
+    std::map<Name, LinkFault> linkFaults;
+
+    // Death notices are numbered as they are queued. The runtime delivers
+    // them in that order, so "delivered up to n" tells every waiter whether
+    // its service's last notice is through. Queuing happens under
+    // noticeLock, so that numbers and runtime order agree.
+    std::mutex noticeLock;
+    std::condition_variable noticeDelivered;
+    uint64_t lastQueued = 0;
+    uint64_t deliveredUpTo = 0;
+    std::map<Name, uint64_t> lastNoticeOf;
 };
 
 Registry& registry() {
@@ -241,9 +268,30 @@ Status Connection::transactionStatus() const {
     return alive() ? Status::ok() : Status::fromStatusT(::android::DEAD_OBJECT);
 }
 
+namespace {
+
+// The fault that applies to one linkToDeath() on the named service, if any;
+// a one-off fault is used up.
+bool takeLinkFault(const Name& name, LinkFault* fault) {
+    Registry& r = registry();
+    std::lock_guard<std::mutex> g(r.faultLock);
+    auto it = r.linkFaults.find(name);
+    if (it == r.linkFaults.end()) return false;
+    *fault = it->second;
+    if (it->second.times == Times::Next) r.linkFaults.erase(it);
+    return true;
+}
+
+}  // namespace
+
 Return<bool> Connection::linkToDeath(const sp<hidl_death_recipient>& recipient, uint64_t cookie, const wp<IBase>& who) {
     std::lock_guard<std::mutex> g(mLock);
     if (mService == nullptr) return Status::fromStatusT(::android::DEAD_OBJECT);
+    LinkFault fault;
+    if (takeLinkFault({mDescriptor, mInstance}, &fault)) {
+        if (fault.returnFalse) return false;
+        return fault.status;
+    }
     if (recipient == nullptr) return false;
     // Held weakly and not de-duplicated, as the device's proxies do.
     mLinks.push_back(Link{recipient, cookie, who});
@@ -276,13 +324,22 @@ void Connection::die() {
         mService = nullptr;
         links.swap(mLinks);
     }
-    if (links.empty()) return;
-    runtime().post([links = std::move(links)] {
-        for (const Link& l : links) {
-            sp<hidl_death_recipient> r = l.recipient.promote();
-            if (r != nullptr) r->serviceDied(l.cookie, l.who);
-        }
-    });
+    if (!links.empty()) {
+        Registry& r = registry();
+        std::lock_guard<std::mutex> g(r.noticeLock);
+        const uint64_t notice = ++r.lastQueued;
+        r.lastNoticeOf[{mDescriptor, mInstance}] = notice;
+        runtime().post([links = std::move(links), notice] {
+            for (const Link& l : links) {
+                sp<hidl_death_recipient> recipient = l.recipient.promote();
+                if (recipient != nullptr) recipient->serviceDied(l.cookie, l.who);
+            }
+            Registry& reg = registry();
+            std::lock_guard<std::mutex> delivered(reg.noticeLock);
+            reg.deliveredUpTo = notice;
+            reg.noticeDelivered.notify_all();
+        });
+    }
     // The service object itself is released here, on the caller's thread,
     // as the last reference of the server side goes.
 }
@@ -323,12 +380,54 @@ bool declareServiceDead(const std::string& descriptor, const std::string& instan
     return true;
 }
 
+bool withdrawService(const std::string& descriptor, const std::string& instance) {
+    Registry& r = registry();
+    std::lock_guard<std::mutex> g(r.lock);
+    return r.services.erase({descriptor, instance}) != 0;
+}
+
+bool waitForDeathNotices(const std::string& descriptor, const std::string& instance,
+                         std::chrono::milliseconds timeout) {
+    Registry& r = registry();
+    std::unique_lock<std::mutex> g(r.noticeLock);
+    auto it = r.lastNoticeOf.find({descriptor, instance});
+    if (it == r.lastNoticeOf.end()) return true;
+    const uint64_t notice = it->second;
+    auto delivered = [&r, notice] { return r.deliveredUpTo >= notice; };
+    if (onRuntimeThread()) return delivered();
+    return r.noticeDelivered.wait_for(g, timeout, delivered);
+}
+
+void makeLinkToDeathReturnFalse(const std::string& descriptor, const std::string& instance, Times times) {
+    Registry& r = registry();
+    std::lock_guard<std::mutex> g(r.faultLock);
+    r.linkFaults[{descriptor, instance}] = LinkFault{times, true, Status::ok()};
+}
+
+void makeLinkToDeathFail(const std::string& descriptor, const std::string& instance, const Status& status,
+                         Times times) {
+    Registry& r = registry();
+    std::lock_guard<std::mutex> g(r.faultLock);
+    r.linkFaults[{descriptor, instance}] = LinkFault{times, false, status};
+}
+
+void clearLinkToDeathFaults(const std::string& descriptor, const std::string& instance) {
+    Registry& r = registry();
+    std::lock_guard<std::mutex> g(r.faultLock);
+    r.linkFaults.erase({descriptor, instance});
+}
+
 void unregisterAll() {
-    std::map<std::pair<std::string, std::string>, sp<Connection>> all;
+    std::map<Name, sp<Connection>> all;
     {
         Registry& r = registry();
         std::lock_guard<std::mutex> g(r.lock);
         all.swap(r.services);
+    }
+    {
+        Registry& r = registry();
+        std::lock_guard<std::mutex> g(r.faultLock);
+        r.linkFaults.clear();
     }
     for (auto& e : all) e.second->die();
     all.clear();

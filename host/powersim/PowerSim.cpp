@@ -13,7 +13,6 @@
 
 namespace qrnhost::power {
 
-using ::android::hardware::Status;
 using namespace vendor::quarnel::hardware::power::V2_0;
 
 const char* opName(Op op) {
@@ -114,10 +113,11 @@ Call& SimPowerService::journalLocked(Op op, std::vector<int32_t> args) {
     return mJournal.back();
 }
 
-bool SimPowerService::takeFailureLocked(Op op) {
+bool SimPowerService::takeFailureLocked(Op op, Status* status) {
     auto it = mFailures.find(op);
-    if (it == mFailures.end() || it->second <= 0) return false;
-    --it->second;
+    if (it == mFailures.end() || it->second.empty()) return false;
+    *status = it->second.front();
+    it->second.pop_front();
     return true;
 }
 
@@ -125,9 +125,10 @@ Return<int32_t> SimPowerService::querySystemInfo(int32_t cmd, int32_t param) {
     std::lock_guard<std::mutex> g(mLock);
     Call& c = journalLocked(Op::QuerySystemInfo, {cmd, param});
     const ObserveAtReturn observed{mObserver, c};
-    if (takeFailureLocked(Op::QuerySystemInfo)) {
+    Status failure;
+    if (takeFailureLocked(Op::QuerySystemInfo, &failure)) {
         c.transportFailed = true;
-        return Status::fromStatusT(::android::FAILED_TRANSACTION);
+        return failure;
     }
     int32_t v = -1;
     if (cmd == SYSINFO_CLUSTER_NUM) {
@@ -143,9 +144,10 @@ Return<int32_t> SimPowerService::registerScenario() {
     std::lock_guard<std::mutex> g(mLock);
     Call& c = journalLocked(Op::RegisterScenario, {});
     const ObserveAtReturn observed{mObserver, c};
-    if (takeFailureLocked(Op::RegisterScenario)) {
+    Status failure;
+    if (takeFailureLocked(Op::RegisterScenario, &failure)) {
         c.transportFailed = true;
-        return Status::fromStatusT(::android::FAILED_TRANSACTION);
+        return failure;
     }
     int32_t h = mNextHandle++;
     mScenarios[h].handle = h;
@@ -158,9 +160,10 @@ Return<void> SimPowerService::configScenario(int32_t handle, int32_t cmd, int32_
     std::lock_guard<std::mutex> g(mLock);
     Call& c = journalLocked(Op::ConfigScenario, {handle, cmd, p1, p2, p3, p4});
     const ObserveAtReturn observed{mObserver, c};
-    if (takeFailureLocked(Op::ConfigScenario)) {
+    Status failure;
+    if (takeFailureLocked(Op::ConfigScenario, &failure)) {
         c.transportFailed = true;
-        return Status::fromStatusT(::android::FAILED_TRANSACTION);
+        return failure;
     }
     auto it = mScenarios.find(handle);
     if (it == mScenarios.end()) {
@@ -188,9 +191,10 @@ Return<void> SimPowerService::unregisterScenario(int32_t handle) {
     std::lock_guard<std::mutex> g(mLock);
     Call& c = journalLocked(Op::UnregisterScenario, {handle});
     const ObserveAtReturn observed{mObserver, c};
-    if (takeFailureLocked(Op::UnregisterScenario)) {
+    Status failure;
+    if (takeFailureLocked(Op::UnregisterScenario, &failure)) {
         c.transportFailed = true;
-        return Status::fromStatusT(::android::FAILED_TRANSACTION);
+        return failure;
     }
     // Unregistering drops the scenario's settings, enabled or not.
     c.result = mScenarios.erase(handle) ? 0 : -1;
@@ -201,9 +205,10 @@ Return<void> SimPowerService::enableScenario(int32_t handle, int32_t timeout) {
     std::lock_guard<std::mutex> g(mLock);
     Call& c = journalLocked(Op::EnableScenario, {handle, timeout});
     const ObserveAtReturn observed{mObserver, c};
-    if (takeFailureLocked(Op::EnableScenario)) {
+    Status failure;
+    if (takeFailureLocked(Op::EnableScenario, &failure)) {
         c.transportFailed = true;
-        return Status::fromStatusT(::android::FAILED_TRANSACTION);
+        return failure;
     }
     auto it = mScenarios.find(handle);
     if (it == mScenarios.end()) {
@@ -220,9 +225,10 @@ Return<void> SimPowerService::disableScenario(int32_t handle) {
     std::lock_guard<std::mutex> g(mLock);
     Call& c = journalLocked(Op::DisableScenario, {handle});
     const ObserveAtReturn observed{mObserver, c};
-    if (takeFailureLocked(Op::DisableScenario)) {
+    Status failure;
+    if (takeFailureLocked(Op::DisableScenario, &failure)) {
         c.transportFailed = true;
-        return Status::fromStatusT(::android::FAILED_TRANSACTION);
+        return failure;
     }
     auto it = mScenarios.find(handle);
     if (it == mScenarios.end()) {
@@ -234,8 +240,12 @@ Return<void> SimPowerService::disableScenario(int32_t handle) {
 }
 
 void SimPowerService::injectTransportFailure(Op op, int count) {
+    injectTransportFailure(op, Status::fromStatusT(::android::FAILED_TRANSACTION), count);
+}
+
+void SimPowerService::injectTransportFailure(Op op, const Status& status, int count) {
     std::lock_guard<std::mutex> g(mLock);
-    mFailures[op] += count;
+    for (int i = 0; i < count; ++i) mFailures[op].push_back(status);
 }
 
 std::vector<Call> SimPowerService::journal() const {

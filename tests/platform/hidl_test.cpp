@@ -67,7 +67,7 @@ TEST(HidlDeathTest, ReadingTheValueOfAFailedCallEndsTheProcess) {
             (void)v;
         },
         "Attempted to retrieve value from failed HIDL call: Status\\(EX_TRANSACTION_FAILED\\): "
-        "'FAILED_TRANSACTION'");
+        "'FAILED_TRANSACTION: '");
 }
 
 TEST(HidlDeathTest, AnUncheckedFailureEndsTheProcessWhenDropped) {

@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Installs what a fresh Debian bookworm machine lacks to build, run and test
-# the project (all lanes). Quick when everything is already there.
+# the project (all lanes). When nothing is missing it does nothing and prints
+# nothing. Source packages (the TSan lane's) are not its business: see
+# tools/ci/deb-src.sh.
 # Usage: tools/ci/install-deps.sh [--cross]   (--cross adds the arm64 lane's needs)
 set -euo pipefail
 cross=0
@@ -17,36 +19,39 @@ cross_pkgs=(g++-aarch64-linux-gnu qemu-user android-libutils-dev:arm64 android-l
 SUDO=""
 [ "$(id -u)" = 0 ] || SUDO=sudo
 
-missing=()
-for p in "${pkgs[@]}"; do dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p"); done
+native=$(dpkg --print-architecture)
+wanted=("${pkgs[@]}")
+update=0
 if [ "$cross" = 1 ]; then
+  wanted+=("${cross_pkgs[@]}")
   if ! dpkg --print-foreign-architectures | grep -qx arm64; then
     $SUDO dpkg --add-architecture arm64
-    missing+=(__update__)
+    update=1
   fi
-  for p in "${cross_pkgs[@]}"; do dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p"); done
 fi
 
-# Source packages are needed for the TSan lane's instrumented libutils.
-src=/etc/apt/sources.list.d/qrncam-debian-src.sources
-if ! grep -rqs "deb-src" /etc/apt/sources.list /etc/apt/sources.list.d/ 2>/dev/null; then
-  $SUDO tee "$src" >/dev/null <<'SRC'
-Types: deb-src
-URIs: http://deb.debian.org/debian
-Suites: bookworm bookworm-updates
-Components: main
-Signed-By: /usr/share/keyrings/debian-archive-keyring.gpg
-SRC
-  missing+=(__update__)
-fi
+# Packages are checked by architecture. Once a package is installed for
+# arm64 too, its bare name is ambiguous to dpkg -s, which then fails as if
+# it were missing; dpkg-query -W lists every installed instance instead.
+# A package without a ":arch" is wanted for the native architecture, and an
+# "all" package serves any.
+declare -A installed=()
+names=("${wanted[@]%%:*}")
+while read -r status pkg; do
+  [ "$status" = ii ] && installed[$pkg]=1
+done < <(dpkg-query -W -f='${db:Status-Abbrev} ${Package}:${Architecture}\n' "${names[@]}" 2>/dev/null || true)
+missing=()
+for p in "${wanted[@]}"; do
+  name=${p%%:*}
+  arch=$native
+  [ "$name" = "$p" ] || arch=${p#*:}
+  [ -n "${installed[$name:$arch]:-}" ] || [ -n "${installed[$name:all]:-}" ] || missing+=("$p")
+done
 
+[ "${#missing[@]}" -gt 0 ] || [ "$update" = 1 ] || exit 0
+export DEBIAN_FRONTEND=noninteractive
+$SUDO apt-get update -qq
 if [ "${#missing[@]}" -gt 0 ]; then
-  export DEBIAN_FRONTEND=noninteractive
-  $SUDO apt-get update -qq
-  real=()
-  for p in "${missing[@]}"; do [ "$p" = __update__ ] || real+=("$p"); done
-  if [ "${#real[@]}" -gt 0 ]; then
-    echo "install-deps: installing ${real[*]}"
-    $SUDO apt-get install -y -qq --no-install-recommends "${real[@]}" >/dev/null
-  fi
+  echo "install-deps: installing ${missing[*]}"
+  $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 fi

@@ -9,6 +9,17 @@ summary=()
 
 banner() { printf '\n==== lane %s ====\n' "$1"; }
 
+lane_format() {
+  # Every C/C++ file of the repository (new ones too) exactly as
+  # clang-format writes it with .clang-format.
+  mapfile -t files < <(git ls-files --cached --others --exclude-standard -- '*.c' '*.cc' '*.cpp' '*.h' '*.hpp')
+  if ! clang-format --dry-run --Werror "${files[@]}"; then
+    echo "format: files differ from clang-format's output (clang-format -i FILE rewrites them)"
+    return 1
+  fi
+  echo "format: ${#files[@]} files as clang-format writes them"
+}
+
 lane_default() {
   cmake --preset default >/dev/null
   cmake --build --preset default -j"$jobs"

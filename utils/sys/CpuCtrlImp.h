@@ -43,15 +43,17 @@ class CpuCtrlImp : public CpuCtrl {
     // Closes the scope line under the lock, then unlocks.
     void endRequest(::qrncam::log::ScopedFunctionTrace& scope);
 
+    // Serialises init, uninit, disable and the requests; released around a
+    // request's nested disable().
     pthread_mutex_t mLock;
     // Changed only by atomic add/subtract of 1 with release ordering, and
     // only with mLock held; being atomic, it can also be read without the lock.
     std::atomic<int32_t> mUser;
-    int32_t mEnabled;
-    int32_t mPowerHalHandle;
-    ::android::sp<IPower> mPowerHalService;
-    CPU_CTRL_INFO mCpuCtrlInfo;
-    CPU_CTRL_RANGE_INFO mCpuCtrlRangeInfo;
+    int32_t mEnabled;                        // Guarded by mLock.
+    int32_t mPowerHalHandle;                 // Guarded by mLock.
+    ::android::sp<IPower> mPowerHalService;  // Guarded by mLock.
+    CPU_CTRL_INFO mCpuCtrlInfo;              // Guarded by mLock.
+    CPU_CTRL_RANGE_INFO mCpuCtrlRangeInfo;   // Guarded by mLock.
 };
 
 static_assert(sizeof(std::atomic<int32_t>) == sizeof(int32_t), "mUser must stay a plain 32-bit count in memory");

@@ -8,6 +8,7 @@
 #include <hidl/Status.h>
 #include <utils/RefBase.h>
 
+#include <chrono>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -73,8 +74,37 @@ sp<Connection> lookup(const std::string& descriptor, const std::string& instance
 // such service is registered.
 bool declareServiceDead(const std::string& descriptor, const std::string& instance);
 
-// Removes every registration (each is declared dead) and waits for the
-// runtime to deliver the notifications.
+// Host only: withdraws the registration quietly, as a service that
+// unregisters itself and lives on. getService() stops returning it, proxies
+// already handed out keep reaching it, and no recipient is told anything.
+// Returns false when no such service is registered.
+bool withdrawService(const std::string& descriptor, const std::string& instance);
+
+// Host only: blocks until every death notice of the named service queued so
+// far has been delivered (each recipient's serviceDied() has returned), or
+// until timeout. Notices of other services queued later are not waited for.
+// Returns false on timeout, and at once when called on the runtime thread
+// with notices still pending (they could never arrive).
+bool waitForDeathNotices(const std::string& descriptor, const std::string& instance,
+                         std::chrono::milliseconds timeout = std::chrono::seconds(10));
+
+// Host only: faults of linkToDeath() through proxies of the named service.
+// They are kept by name, so they also apply to a service registered under it
+// later, until cleared; a new setting replaces the earlier one. A call made
+// on a dead service fails with DEAD_OBJECT as before and consumes nothing.
+enum class Times { Next, Every };
+// linkToDeath() returns false and links nothing.
+void makeLinkToDeathReturnFalse(const std::string& descriptor, const std::string& instance, Times times = Times::Next);
+// linkToDeath() fails in transport with status (a failed one, e.g.
+// Status::fromStatusT(DEAD_OBJECT) or Status::fromExceptionCode(
+// Status::EX_TRANSACTION_FAILED, "message")) and links nothing.
+void makeLinkToDeathFail(const std::string& descriptor, const std::string& instance, const Status& status,
+                         Times times = Times::Next);
+void clearLinkToDeathFaults(const std::string& descriptor, const std::string& instance);
+
+// Removes every registration (each is declared dead), forgets every
+// linkToDeath() fault and waits for the runtime to deliver the
+// notifications.
 void unregisterAll();
 
 // Blocks until the runtime thread has delivered every queued notification.

@@ -12,6 +12,7 @@
 #include <vendor/quarnel/hardware/power/2.0/IPower.h>
 #include <array>
 #include <chrono>
+#include <deque>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -22,6 +23,7 @@ namespace qrnhost::power {
 
 using ::android::sp;
 using ::android::hardware::Return;
+using ::android::hardware::Status;
 using vendor::quarnel::hardware::power::V2_0::IPower;
 
 enum class Op {
@@ -96,6 +98,10 @@ class SimPowerService : public IPower {
     // The next `count` calls of op fail in transport (FAILED_TRANSACTION) and
     // change nothing.
     void injectTransportFailure(Op op, int count = 1);
+    // The same with a status of the test's choice, for instance one with a
+    // message: Status::fromExceptionCode(Status::EX_TRANSACTION_FAILED, "...").
+    // Failures queued for one op are used in the order they were queued.
+    void injectTransportFailure(Op op, const Status& status, int count = 1);
 
     std::vector<Call> journal() const;
     // Receives each call when it is complete, on the calling thread, before
@@ -117,14 +123,15 @@ class SimPowerService : public IPower {
 
   private:
     Call& journalLocked(Op op, std::vector<int32_t> args);
-    bool takeFailureLocked(Op op);
+    bool takeFailureLocked(Op op, Status* status);
 
     mutable std::mutex mLock;
-    std::vector<int32_t> mClusterMaxFreq;
+    std::vector<int32_t> mClusterMaxFreq;  // set once by the constructor
+    // Guarded by mLock:
     int32_t mNextHandle;
     std::map<int32_t, Scenario> mScenarios;
     std::vector<Call> mJournal;
-    std::map<Op, int> mFailures;
+    std::map<Op, std::deque<Status>> mFailures;
     std::function<void(const Call&)> mObserver;
 };
 

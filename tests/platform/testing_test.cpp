@@ -1,0 +1,219 @@
+// The test harness of qrnhost/testing.h: quiet withdrawal, linkToDeath
+// faults, per-service waiting for death notices, transport failures that keep
+// their message, and the kernel-node stand-ins.
+#include <gtest/gtest.h>
+
+#include <qrnhost/testing.h>
+#include <atomic>
+#include <filesystem>
+#include <future>
+
+namespace {
+
+namespace qt = qrnhost::testing;
+using ::android::sp;
+using ::android::wp;
+using ::android::hardware::hidl_death_recipient;
+using ::android::hardware::Return;
+using ::android::hardware::Status;
+using ::android::hidl::base::V1_0::IBase;
+using qrnhost::power::Op;
+using qrnhost::power::SimPowerService;
+using vendor::quarnel::hardware::power::V2_0::IPower;
+
+// Counts its notices; optionally holds the runtime thread in the first one
+// until the test opens the gate.
+struct Recipient : hidl_death_recipient {
+    std::atomic<int> calls{0};
+    std::promise<void> entered, open;
+    bool hold = false;
+    void serviceDied(uint64_t, const wp<IBase>&) override {
+        if (calls++ == 0 && hold) {
+            entered.set_value();
+            open.get_future().wait();
+        }
+    }
+};
+
+qt::Service named(const char* instance) {
+    return {IPower::descriptor, instance};
+}
+
+// A simulated service under another instance name, and a proxy to it.
+sp<IPower> startNamed(const char* instance) {
+    sp<SimPowerService> s = new SimPowerService();
+    if (s->registerAsService(instance) != ::android::OK) return nullptr;
+    return IPower::getService(instance, false);
+}
+
+class Harness : public ::testing::Test {
+  protected:
+    void TearDown() override { qt::reset(); }
+};
+
+TEST_F(Harness, StatusDescriptionsReadAsOnTheDevice) {
+    struct Case {
+        Status status;
+        const char* text;
+        ::android::status_t transactionError;
+    } cases[] = {
+        {Status::ok(), "No error", ::android::OK},
+        {qt::deadObject(), "Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: '", ::android::DEAD_OBJECT},
+        {qt::transportFailure("binder buffer full"),
+         "Status(EX_TRANSACTION_FAILED): 'FAILED_TRANSACTION: binder buffer full'", ::android::FAILED_TRANSACTION},
+        {Status::fromExceptionCode(Status::EX_ILLEGAL_ARGUMENT, "bad"), "Status(EX_ILLEGAL_ARGUMENT): 'bad'",
+         ::android::OK},
+        {Status::fromExceptionCode(Status::EX_SECURITY), "Status(EX_SECURITY): ''", ::android::OK},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(c.text, c.status.description());
+        EXPECT_EQ(c.transactionError, c.status.transactionError()) << c.text;
+    }
+    // An injected failure with a message reaches the caller whole, and
+    // asking for the description does not count as checking it.
+    sp<SimPowerService> sim = qt::startPowerService();
+    sim->injectTransportFailure(Op::EnableScenario, qt::transportFailure("pool exhausted"));
+    sp<IPower> proxy = IPower::getService("default", false);
+    Return<void> r = proxy->enableScenario(1, 0);
+    EXPECT_EQ("Status(EX_TRANSACTION_FAILED): 'FAILED_TRANSACTION: pool exhausted'", r.description());
+    EXPECT_FALSE(r.isOk());
+    EXPECT_TRUE(sim->calls(Op::EnableScenario).at(0).transportFailed);
+    EXPECT_TRUE(proxy->enableScenario(1, 0).isOk());  // used up
+}
+
+TEST_F(Harness, WithdrawingAServiceIsQuietAndLeavesItsProxiesWorking) {
+    sp<SimPowerService> sim = qt::startPowerService();
+    sp<IPower> proxy = IPower::getService("default", false);
+    sp<Recipient> r = new Recipient;
+    ASSERT_TRUE(proxy->linkToDeath(r, 0).withDefault(false));
+
+    EXPECT_TRUE(qt::withdraw(qt::powerService()));
+    EXPECT_FALSE(qt::withdraw(qt::powerService()));
+    EXPECT_EQ(nullptr, IPower::getService("default", false));
+    EXPECT_FALSE(qt::kill(qt::powerService()));  // nothing registered to kill
+    EXPECT_EQ(1, proxy->registerScenario().withDefault(-1));
+    EXPECT_EQ(1u, sim->calls(Op::RegisterScenario).size());
+
+    // A successor under the same name dies with notices to its own
+    // recipients only.
+    sp<SimPowerService> next = qt::startPowerService();
+    sp<Recipient> nextR = new Recipient;
+    ASSERT_TRUE(IPower::getService("default", false)->linkToDeath(nextR, 0).withDefault(false));
+    EXPECT_TRUE(qt::kill(qt::powerService()));
+    ASSERT_TRUE(qt::waitForDeathNotices(qt::powerService()));
+    EXPECT_EQ(1, nextR->calls.load());
+    qrnhost::hidl::waitForRuntimeIdle();
+    EXPECT_EQ(0, r->calls.load());
+    EXPECT_TRUE(proxy->ping().isOk());
+}
+
+TEST_F(Harness, LinkToDeathFaultsApplyOnceOrEveryTimeByName) {
+    using qt::Times;
+    struct Case {
+        const char* name;
+        Times times;
+        bool returnFalse;
+        // Results of two links: 'T' true, 'F' false, 'X' transport failure.
+        const char* results;
+    };
+    const Case cases[] = {
+        {"next returns false", Times::Next, true, "FT"},
+        {"every returns false", Times::Every, true, "FF"},
+        {"next fails", Times::Next, false, "XT"},
+        {"every fails", Times::Every, false, "XX"},
+    };
+    const Status failure = qt::transportFailure("link refused");
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        // Set before the service exists: faults go by name.
+        if (c.returnFalse)
+            qt::makeLinkToDeathReturnFalse(qt::powerService(), c.times);
+        else
+            qt::makeLinkToDeathFail(qt::powerService(), failure, c.times);
+        qt::startPowerService();
+        sp<IPower> proxy = IPower::getService("default", false);
+        sp<Recipient> r = new Recipient;
+        std::string got;
+        for (int i = 0; i < 2; ++i) {
+            Return<bool> linked = proxy->linkToDeath(r, 0);
+            if (!linked.isOk()) {
+                EXPECT_EQ(failure.description(), linked.description());
+                got += 'X';
+            } else {
+                got += linked ? 'T' : 'F';
+            }
+        }
+        EXPECT_EQ(c.results, got);
+        // Only a successful link is told of the death.
+        qt::kill(qt::powerService());
+        ASSERT_TRUE(qt::waitForDeathNotices(qt::powerService()));
+        EXPECT_EQ(got.back() == 'T' ? 1 : 0, r->calls.load());
+        qt::reset();
+    }
+
+    // A link refused on a dead service uses nothing up; clearing and
+    // another service's name leave the rest alone.
+    qt::makeLinkToDeathReturnFalse(qt::powerService());
+    qt::makeLinkToDeathReturnFalse(named("other"), Times::Every);
+    qt::startPowerService();
+    sp<IPower> proxy = IPower::getService("default", false);
+    qt::kill(qt::powerService());
+    sp<Recipient> r = new Recipient;
+    EXPECT_TRUE(proxy->linkToDeath(r, 0).isDeadObject());
+    qt::startPowerService();
+    proxy = IPower::getService("default", false);
+    EXPECT_FALSE(proxy->linkToDeath(r, 0).withDefault(true));
+    EXPECT_TRUE(proxy->linkToDeath(r, 0).withDefault(false));
+    sp<IPower> other = startNamed("other");
+    EXPECT_FALSE(other->linkToDeath(r, 0).withDefault(true));
+    qt::clearLinkToDeathFaults(named("other"));
+    EXPECT_TRUE(other->linkToDeath(r, 0).withDefault(false));
+}
+
+TEST_F(Harness, WaitingForOneServicesNoticesIgnoresOthersQueuedLater) {
+    sp<IPower> early = startNamed("early");
+    sp<IPower> blocked = startNamed("blocked");
+    sp<IPower> late = startNamed("late");
+    sp<Recipient> earlyR = new Recipient, blockedR = new Recipient, lateR = new Recipient;
+    blockedR->hold = true;
+    const std::pair<sp<IPower>, sp<Recipient>> links[] = {{early, earlyR}, {blocked, blockedR}, {late, lateR}};
+    for (const auto& [proxy, r] : links) ASSERT_TRUE(proxy->linkToDeath(r, 0).withDefault(false));
+
+    ASSERT_TRUE(qt::kill(named("early")));
+    ASSERT_TRUE(qt::kill(named("blocked")));
+    blockedR->entered.get_future().wait();  // the runtime thread is held now
+    EXPECT_TRUE(qt::kill(named("late")));
+    // Delivered before the held one: no wait, although the runtime is busy.
+    EXPECT_TRUE(qt::waitForDeathNotices(named("early"), std::chrono::milliseconds(0)));
+    EXPECT_EQ(1, earlyR->calls.load());
+    EXPECT_TRUE(qt::waitForDeathNotices(named("never died"), std::chrono::milliseconds(0)));
+    // Queued behind the held one: not delivered yet.
+    EXPECT_FALSE(qt::waitForDeathNotices(named("late"), std::chrono::milliseconds(20)));
+    EXPECT_EQ(0, lateR->calls.load());
+    blockedR->open.set_value();
+    EXPECT_TRUE(qt::waitForDeathNotices(named("late")));
+    EXPECT_EQ(1, lateR->calls.load());
+    EXPECT_EQ(1, blockedR->calls.load());
+}
+
+TEST_F(Harness, KernelNodesStandInForTheFixedPathsAndGoAway) {
+    std::string root;
+    {
+        qt::KernelNodes nodes;
+        root = nodes.root();
+        nodes.set("/proc/driver/cl_apu_status", "");
+        nodes.set("/proc/meminfo", "MemTotal: 2048 kB\n");
+        const std::string file = qrnhost::kernelfs::resolve("/proc/meminfo");
+        EXPECT_EQ(root + "/proc/meminfo", file);
+        EXPECT_EQ("MemTotal: 2048 kB\n", nodes.contents("/proc/meminfo"));
+        nodes.remove("/proc/meminfo");
+        EXPECT_EQ(file, qrnhost::kernelfs::resolve("/proc/meminfo"));
+        EXPECT_FALSE(std::filesystem::exists(file));
+        EXPECT_EQ(root + "/proc/driver/cl_apu_status", qrnhost::kernelfs::resolve("/proc/driver/cl_apu_status"));
+    }
+    EXPECT_EQ("/proc/meminfo", qrnhost::kernelfs::resolve("/proc/meminfo"));
+    EXPECT_EQ("/proc/driver/cl_apu_status", qrnhost::kernelfs::resolve("/proc/driver/cl_apu_status"));
+    EXPECT_FALSE(std::filesystem::exists(root));
+}
+
+}  // namespace
