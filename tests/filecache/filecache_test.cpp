@@ -8,6 +8,7 @@
 #include <IFileCache.h>
 #include <cutils/properties.h>
 #include <qrnhost/properties.h>
+#include <future>
 #include <thread>
 
 #include "AllocFault.h"
@@ -22,6 +23,22 @@ using NSCam::IFileCache;
 
 void drain() {
     gFileCacheQueue.addJob([] {}, 0).second.wait();
+}
+// Runs what while the worker is held, then lets it flush: a destructor's
+// own lines then come before the flush's, as they do on a busy queue.
+template <typename F>
+void withWorkerHeld(F what) {
+    std::promise<void> held, release;
+    gFileCacheQueue.addJob(
+        [&] {
+            held.set_value();
+            release.get_future().wait();
+        },
+        0);
+    held.get_future().wait();
+    what();
+    release.set_value();
+    drain();
 }
 int put(const sp<IFileCache>& fc, const std::string& s) {
     return fc->write(s.data(), static_cast<unsigned>(s.size()));
@@ -73,18 +90,14 @@ TEST_F(FileCacheTest, FlushTranscript) {
     drain();
     t.files(mDir.path());
     t.step("drop three");
-    fc.clear();
-    drain();
+    withWorkerHeld([&] { fc.clear(); });
     t.step("open twice, write first then second, drop first then second");
     sp<IFileCache> first = IFileCache::open(file("twice").c_str()), second = IFileCache::open(file("twice").c_str());
     write(first, "first", "first", 5);
     write(second, "second", "second", 6);
-    first.clear();
-    second.clear();
-    drain();
+    withWorkerHeld([&] { first.clear(), second.clear(); });
     t.step("drop holder");
-    holder.clear();
-    drain();
+    withWorkerHeld([&] { holder.clear(); });
     t.files(mDir.path());
     QRN_CHECK_TRANSCRIPT(t, "flush");
 

@@ -114,6 +114,7 @@ std::vector<std::string> Transcript::lines() const {
         for (const auto& [text, by] : mReplace)
             for (size_t at; !text.empty() && (at = line.find(text)) != std::string::npos;)
                 line.replace(at, text.size(), by);
+        while (!line.empty() && line.back() == ' ') line.pop_back();  // as the kept files are read
         out.push_back(line);
     }
     return out;
