@@ -11,6 +11,7 @@
 #include <qrnhost/PowerSim.h>
 #include <qrnhost/hidl.h>
 #include <qrnhost/properties.h>
+#include <qrnhost/testing.h>
 
 #include <algorithm>
 #include <atomic>
@@ -55,9 +56,7 @@ class Cam3Test : public ::testing::Test {
   protected:
     void SetUp() override { sim = qrnhost::power::startDefaultService(); }
     void TearDown() override {
-        qrnhost::hidl::unregisterAll();
-        qrnhost::perf::reset();
-        qrnhost::properties::reset();
+        qrnhost::testing::reset();
     }
     ::android::sp<qrnhost::power::SimPowerService> sim;
 };
@@ -166,6 +165,20 @@ TEST_F(Cam3Test, BindingTranscript) {
     t.step("the service dies");
     qrnhost::power::killDefaultService();
     qrnhost::hidl::waitForRuntimeIdle();
+    // A link that fails leaves the service bound, and says how it failed.
+    namespace qt = qrnhost::testing;
+    t.replaceSim(qt::startPowerService());
+    for (const char* how : {"refuses", "fails in transport"}) {
+        t.step(std::string("a new controller; linkToDeath ") + how);
+        if (how[0] == 'r') {
+            qt::makeLinkToDeathReturnFalse(qt::powerService());
+        } else {
+            qt::makeLinkToDeathFail(qt::powerService(), qt::transportFailure("binder gone"));
+        }
+        Owned d;
+        run("init", [&] { return d->init(); });
+        t.note("linked recipients: " + std::to_string(linkedRecipients()));
+    }
     QRN_CHECK_TRANSCRIPT(t, "binding");
 }
 
