@@ -55,19 +55,8 @@ size_t countAndroid(const Capture& cap, const std::string& text) {
 class Cam3Test : public ::testing::Test {
   protected:
     void SetUp() override { sim = qrnhost::power::startDefaultService(); }
-    void TearDown() override {
-        qrnhost::testing::reset();
-    }
+    void TearDown() override { qrnhost::testing::reset(); }
     ::android::sp<qrnhost::power::SimPowerService> sim;
-};
-
-// One step of a scenario: its name, what it made happen, what it returned.
-struct Steps {
-    qrntest::Transcript& t;
-    void operator()(const std::string& what, const std::function<bool()>& call) const {
-        t.step(what);
-        t.note(call() ? "-> true" : "-> false");
-    }
 };
 
 // A whole session, both sinks and the trace on: requests without a user,
@@ -77,7 +66,7 @@ struct Steps {
 TEST_F(Cam3Test, SessionTranscript) {
     Capture cap(3, 5, 0x00107000);
     qrntest::Transcript t(cap, sim);
-    Steps run{t};
+    qrntest::Steps run{t};
     t.step("createInstance");
     Owned c;
     run("cpuPerformanceMode(10)", [&] { return c->cpuPerformanceMode(10); });
@@ -136,7 +125,7 @@ TEST_F(Cam3Test, BindingTranscript) {
     qrnhost::hidl::unregisterAll();
     Capture cap(1, 5, 0x00107000, false);
     qrntest::Transcript t(cap, nullptr);
-    Steps run{t};
+    qrntest::Steps run{t};
     Owned c;
     run("init", [&] { return c->init(); });
     run("cpuPerformanceMode(5)", [&] { return c->cpuPerformanceMode(5); });

@@ -27,22 +27,13 @@ sp<SimPowerService> startSim(std::vector<int32_t> freqs = {1800000, 2400000}) {
     return startDefaultService({std::move(freqs), "/nonexistent", 0});
 }
 
-// One step of a scenario: its name, what it made happen, what it returned.
-struct Steps {
-    qrntest::Transcript& t;
-    void operator()(const std::string& what, const std::function<bool()>& call) const {
-        t.step(what);
-        t.note(call() ? "-> true" : "-> false");
-    }
-};
-
 // Two users through every kind of request, then leaving one by one; both
 // sinks and the trace on. The scenarios left on the service are listed last.
 TEST(CpuCtrlTranscript, TwoUsersThroughEveryRequest) {
     qrntest::Capture cap(3, 5, 0x40007000);
     sp<SimPowerService> sim = startSim();
     qrntest::Transcript t(cap, sim);
-    Steps run{t};
+    qrntest::Steps run{t};
     Info info{2, 2000, 4, -1000, 3};
     Range range{1, 2, 3, 4, 5, 6, 7, 8, 2}, partial{-1, 2, 3, -4, 500, -1, 700, 800, 1};
     t.step("createInstance");
@@ -81,7 +72,7 @@ TEST(CpuCtrlTranscript, RequestsWithoutUserOrService) {
     qrntest::Capture cap(1, 5, 0x40007000);
     sp<SimPowerService> sim = startSim();
     qrntest::Transcript t(cap, sim);
-    Steps run{t};
+    qrntest::Steps run{t};
     Info info{1, 1000, 1, 1000, 0};
     Range range{1, 1, 1, 1, 1, 1, 1, 1, 0};
     CpuCtrl* ctrl = CpuCtrl::createInstance();

@@ -13,6 +13,7 @@
 #include <android/log.h>
 #include <cutils/properties.h>
 #include <gtest/gtest.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -127,11 +128,16 @@ TEST_F(QuietFileCache, RacingWritersAgainstASmallBudgetKeepEveryFileWhole) {
     EXPECT_EQ(mStart, gCachedBytes.load());
     EXPECT_EQ(refused.load(), gStorageRefusals.load());
     EXPECT_GT(refused.load(), 0) << "the budget was never reached";
+    uint64_t bytes = 0, blocks = 0;
     for (size_t id = 0; id < expected.size(); ++id) {
         std::string whole;
-        for (const std::string& b : expected[id]) whole += b;
+        for (const std::string& b : expected[id]) whole += b, ++blocks;
         ASSERT_TRUE(whole == qrntest::readFile(mDir.file(std::to_string(id)))) << "file " << id;
+        bytes += whole.size();
     }
+    printf("racing writers: %zu caches, %llu blocks and %llu bytes verified, %ld writes refused by the budget\n",
+           expected.size(), static_cast<unsigned long long>(blocks), static_cast<unsigned long long>(bytes),
+           refused.load());
 }
 
 // Every allocation of open, write and drop made to fail in turn, on several
@@ -171,6 +177,8 @@ TEST_F(QuietFileCache, AllocationFailuresOnRacingThreads) {
     EXPECT_EQ(mStart + kept.load(), gCachedBytes.load());
     EXPECT_EQ(0, gOtherErrors.load());
     EXPECT_GT(runs.load(), 10 * kThreads);
+    printf("allocation failures: %ld runs of open, write and drop, one allocation failed in each but the last\n",
+           runs.load());
 }
 
 TEST(Stress, ExitWithDumpsPendingWritesEveryByte) {
@@ -184,6 +192,7 @@ TEST(Stress, ExitWithDumpsPendingWritesEveryByte) {
             ASSERT_TRUE(expected == qrntest::readFile(dir.file("dump" + std::to_string(c) + ".bin"))) << c;
         }
     }
+    printf("exit with dumps pending: %d exits, 6000000 bytes each, all on storage\n", 3 * scale());
 }
 
 // Runs one StressChild case in a child process of its own.

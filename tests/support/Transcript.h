@@ -20,6 +20,7 @@
 // golden file but an edit of it.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -60,6 +61,15 @@ class Transcript {
     Capture& mCap;
     android::sp<qrnhost::power::SimPowerService> mSim;
     std::vector<std::pair<std::string, std::string>> mReplace;
+};
+
+// One step of a scenario: its name, what it made happen, what it returned.
+struct Steps {
+    Transcript& t;
+    void operator()(const std::string& what, const std::function<bool()>& call) const {
+        t.step(what);
+        t.note(call() ? "-> true" : "-> false");
+    }
 };
 
 }  // namespace qrntest
