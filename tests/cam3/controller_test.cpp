@@ -54,7 +54,13 @@ size_t countAndroid(const Capture& cap, const std::string& text) {
 
 class Cam3Test : public ::testing::Test {
   protected:
-    void SetUp() override { sim = qrnhost::power::startDefaultService(); }
+    void SetUp() override {
+        sim = qrnhost::power::startDefaultService();
+        // The perf-lock library is loaded once per process, by the first
+        // controller. Loaded here, every scenario starts alike whichever runs
+        // first; the loader's own lines are the loader test's.
+        Utils::Cam3CPUCtrl::createInstance()->destroyInstance();
+    }
     void TearDown() override { qrnhost::testing::reset(); }
     ::android::sp<qrnhost::power::SimPowerService> sim;
 };
