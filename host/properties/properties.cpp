@@ -5,6 +5,7 @@
 #include <string.h>
 
 #include <qrnhost/properties.h>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <map>
@@ -47,6 +48,9 @@ bool splitAssignment(const std::string& line, std::string* key, std::string* val
 }
 
 int parseFile(const std::string& path, std::vector<std::pair<std::string, std::string>>* out, int* errorLine) {
+    // A directory opens as a stream that reads nothing: refused as unreadable.
+    std::error_code ec;
+    if (!std::filesystem::is_regular_file(path, ec)) return -1;
     std::ifstream in(path);
     if (!in) return -1;
     std::string line;

@@ -16,9 +16,11 @@
 #include <getopt.h>
 #include <inttypes.h>
 #include <limits.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -173,7 +175,11 @@ int parseOptions(int argc, char** argv, Options* o) {
                 break;
             case kKeep: o->keep = true; break;
             case kProp:
-                if (!strchr(optarg, '=') || optarg[0] == '=') return bad("--prop (want KEY=VALUE)", optarg);
+                // Tried on this process's own store: what it refuses, the
+                // session's would refuse too.
+                if (!qrnhost::properties::setFromAssignment(optarg))
+                    return bad("--prop (want KEY=VALUE, a key that is not blank, a value of at most 91 characters)",
+                               optarg);
                 o->props.emplace_back(optarg);
                 break;
             case kMode:
@@ -411,7 +417,12 @@ int runSession(const Options& o, const std::string& dir) {
     ULogger::sNormalDetailsMask = o.mask;
 
     property_set("vendor.debug.file_cache.storage_size", std::to_string(o.budget).c_str());
-    for (const auto& p : o.props) qrnhost::properties::setFromAssignment(p);
+    for (const auto& p : o.props) {
+        if (!qrnhost::properties::setFromAssignment(p)) {
+            fprintf(stderr, "qrncam_session: property refused: '%s'\n", p.c_str());
+            return 2;
+        }
+    }
     if (!o.traceFile.empty()) {
         property_set(qrnhost::trace::kTagsProperty, "0x400");
         if (!qrnhost::trace::setMarkerPath(o.traceFile)) {
@@ -549,8 +560,14 @@ int runSession(const Options& o, const std::string& dir) {
         for (int fr : f.frames) sum << " " << fr;
         sum << "\n";
     }
+    sum << "end\n";  // a summary cut short by a full disk lacks this line
     sum.close();
     fflush(stdout);
+    if (!sum) {
+        fprintf(stderr, "qrncam_session: cannot write %s/session.txt (is the directory full?)\n", dir.c_str());
+        qrnhost::hidl::unregisterAll();
+        exit(3);
+    }
     qrnhost::hidl::unregisterAll();
     exit(0);  // pending flush jobs run in the queue's exit handler
 }
@@ -558,6 +575,7 @@ int runSession(const Options& o, const std::string& dir) {
 // ---- the parent: verify and report ----
 
 struct Summary {
+    bool complete = false;  // the closing "end" line was read
     std::map<std::string, std::string> kv;
     struct File {
         std::string path;
@@ -576,7 +594,9 @@ Summary readSummary(const std::string& path) {
         std::istringstream ls(line);
         std::string key;
         ls >> key;
-        if (key == "file") {
+        if (key == "end") {
+            s.complete = true;
+        } else if (key == "file") {
             Summary::File f;
             ls >> f.path >> f.dropped >> f.refused;
             int fr;
@@ -629,14 +649,28 @@ std::string human(double bytes) {
     return buf;
 }
 
-int report(const Options& o, const std::string& dir, int childStatus) {
+int report(const std::string& dir, int childStatus) {
     section("closing report");
     if (!WIFEXITED(childStatus) || WEXITSTATUS(childStatus) != 0) {
         printf("the session process failed (status 0x%x)\n", childStatus);
         return 1;
     }
     Summary s = readSummary(dir + "/session.txt");
-    uint64_t frameSize = std::stoull(s.kv["frame_size"]);
+    // Every number the report uses, checked before any is used: a summary
+    // cut short (a full disk) or edited by hand is a clear failure.
+    std::map<std::string, double> n;
+    for (const char* key : {"frame_size", "unintended", "peak_cached", "budget"}) {
+        const std::string& text = s.kv[key];
+        char* end = nullptr;
+        const double v = text.empty() ? 0 : strtod(text.c_str(), &end);
+        if (text.empty() || *end != '\0' || v < 0) s.complete = false;
+        n[key] = v;
+    }
+    if (!s.complete) {
+        printf("the session's summary %s/session.txt is missing or incomplete (is the directory full?)\n", dir.c_str());
+        return 1;
+    }
+    const auto frameSize = static_cast<uint64_t>(n["frame_size"]);
     int verified = 0, bad = 0;
     uint64_t bytesOnDisk = 0;
     // The queue flushes one file at a time in drop order: a flush starts
@@ -659,13 +693,12 @@ int report(const Options& o, const std::string& dir, int childStatus) {
                f.refused ? (" (" + std::to_string(f.refused) + " refused: budget)").c_str() : "",
                problem.empty() ? "verified" : ("FAILED: " + problem).c_str());
     }
-    int unintended = std::stoi(s.kv["unintended"]);
+    const int unintended = static_cast<int>(n["unintended"]);
     printf("\nscenarios left registered: %s (unintended: %d)\n", s.kv["scenarios_left"].c_str(), unintended);
     printf("perf locks left held:      %s\n", s.kv["locks_left"].c_str());
     printf("bytes dumped:              %s in %zu files (%s frames refused by the budget)\n",
            human(static_cast<double>(bytesOnDisk)).c_str(), s.files.size(), s.kv["frames_refused"].c_str());
-    printf("peak of the cache budget:  %s of %s\n", human(std::stod(s.kv["peak_cached"])).c_str(),
-           human(std::stod(s.kv["budget"])).c_str());
+    printf("peak of the cache budget:  %s of %s\n", human(n["peak_cached"]).c_str(), human(n["budget"]).c_str());
     if (busy > 0)
         printf("flush throughput:          %s/s (%.0f ms of flushing)\n",
                human(static_cast<double>(bytesOnDisk) / busy).c_str(), busy * 1000);
@@ -673,13 +706,37 @@ int report(const Options& o, const std::string& dir, int childStatus) {
         "files verified:            %d of %zu, byte for byte, after the session exited with %s of them "
         "still pending\n",
         verified, s.files.size(), s.kv["pending_at_exit"].c_str());
-    if (!o.keep) {
-        std::error_code ec;
-        fs::remove_all(dir, ec);
-    } else {
-        printf("kept:                      %s\n", dir.c_str());
-    }
     return bad == 0 && unintended == 0 ? 0 : 1;
+}
+
+// The child's pid while it runs, for the parent's signal handler.
+volatile sig_atomic_t gChild = 0;
+volatile sig_atomic_t gSignal = 0;
+
+// Ctrl-C or a kill of the parent ends the session: the child is told too
+// (a terminal's Ctrl-C reaches it anyway), and the parent cleans up once
+// it has gone.
+void onSignal(int sig) {
+    gSignal = sig;
+    if (gChild > 0) kill(gChild, sig);
+}
+
+// One session per directory: a second one would mix its dumps and summary
+// with the first's. Held until the process ends.
+bool lockDirectory(const std::string& dir) {
+    const std::string path = dir + "/.qrncam_session.lock";
+    int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        fprintf(stderr, "qrncam_session: cannot create %s: %s\n", path.c_str(), strerror(errno));
+        return false;
+    }
+    if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+        fprintf(stderr, "qrncam_session: %s is in use by another session; give each session its own --out\n",
+                dir.c_str());
+        close(fd);
+        return false;
+    }
+    return true;  // fd stays open: the lock lasts as long as the process
 }
 
 }  // namespace
@@ -691,6 +748,22 @@ int main(int argc, char** argv) {
     if (rc != 0) return rc;
 
     if (o.child) return runSession(o, o.outDir);
+
+    // A start-up property file that cannot be used would silently change
+    // nothing: refuse to run instead.
+    const char* propertyFile = getenv(qrnhost::properties::kFileEnv);
+    if (propertyFile != nullptr && *propertyFile != '\0') {
+        int line = 0;
+        if (qrnhost::properties::loadFile(propertyFile, &line) < 0) {
+            if (line > 0)
+                fprintf(stderr, "qrncam_session: %s:%d: expected key=value (file named by %s)\n", propertyFile, line,
+                        qrnhost::properties::kFileEnv);
+            else
+                fprintf(stderr, "qrncam_session: %s names %s, which is not a readable file\n",
+                        qrnhost::properties::kFileEnv, propertyFile);
+            return 2;
+        }
+    }
 
     std::string dir = o.outDir;
     if (dir.empty()) {
@@ -711,6 +784,17 @@ int main(int argc, char** argv) {
             return 1;
         }
     }
+    // Removes the temporary directory unless the user wants it kept.
+    auto finish = [&](int rc) {
+        if (o.keep) {
+            printf("kept:                      %s\n", dir.c_str());
+        } else {
+            std::error_code ec;
+            fs::remove_all(dir, ec);
+        }
+        return rc;
+    };
+    if (!lockDirectory(dir)) return o.keep ? 1 : finish(1);
     printf("qrncam_session: working in %s\n", dir.c_str());
     fflush(stdout);
 
@@ -724,10 +808,15 @@ int main(int argc, char** argv) {
         if (a.rfind("--out=", 0) == 0) continue;
         args.push_back(a);
     }
+    struct sigaction sa = {};
+    sa.sa_handler = onSignal;
+    sigemptyset(&sa.sa_mask);
+    sigaction(SIGINT, &sa, nullptr);
+    sigaction(SIGTERM, &sa, nullptr);
     pid_t pid = fork();
     if (pid < 0) {
         perror("fork");
-        return 1;
+        return finish(1);
     }
     if (pid == 0) {
         std::vector<char*> av;
@@ -738,7 +827,19 @@ int main(int argc, char** argv) {
         perror("execv");
         _exit(127);
     }
+    gChild = pid;
+    if (gSignal != 0) kill(pid, gSignal);  // came before gChild was set
     int status = 0;
-    waitpid(pid, &status, 0);
-    return report(o, dir, status);
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    gChild = 0;
+    if (gSignal != 0) {
+        const int sig = gSignal;
+        fprintf(stderr, "qrncam_session: stopped by signal %d\n", sig);
+        finish(1);
+        signal(sig, SIG_DFL);
+        raise(sig);  // the status the caller expects of a stopped program
+        return 128 + sig;
+    }
+    return finish(report(dir, status));
 }
