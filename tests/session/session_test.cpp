@@ -5,12 +5,14 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <string.h>
 #include <sys/file.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -58,6 +60,10 @@ TEST_F(SessionChildTest, BadInputIsRefusedBeforeAnythingRuns) {
         {"92-character value", {"--prop", "a.b=" + std::string(92, 'v')}, "", "invalid --prop"},
         {"malformed property file", {}, "a.b=1\nnot an assignment\n", ":2: expected key=value"},
         {"property file that is a directory", {}, "/", "which is not a readable file"},
+        {"trace file that cannot be written",
+         {"--trace", "/nonexistent/dir/t.json"},
+         "",
+         "cannot write the trace file"},
     };
     for (const Case& c : cases) {
         std::vector<std::string> env;
@@ -75,15 +81,9 @@ TEST_F(SessionChildTest, BadInputIsRefusedBeforeAnythingRuns) {
 }
 
 TEST_F(SessionChildTest, FailuresEndCleanlyAndRemoveTheTemporaryDirectory) {
-    // The child cannot start (its trace file cannot be written).
-    qrntest::ChildResult r = run({"--trace", out.file("no/such/dir/trace")});
-    EXPECT_EQ(1, exitCode(r)) << r.output;
-    EXPECT_NE(std::string::npos, r.output.find("the session process failed")) << r.output;
-    EXPECT_EQ(0, leftBehind(tmp.path()));
-
     // The summary cannot be written (as on a full disk): no crash reading it.
     fs::create_directories(out.file("session.txt"));
-    r = run({"--out", out.path()});
+    qrntest::ChildResult r = run({"--out", out.path()});
     EXPECT_EQ(1, exitCode(r)) << r.output;
     EXPECT_NE(std::string::npos, r.output.find("cannot write " + out.file("session.txt"))) << r.output;
 
@@ -96,35 +96,54 @@ TEST_F(SessionChildTest, FailuresEndCleanlyAndRemoveTheTemporaryDirectory) {
     EXPECT_NE(std::string::npos, r.output.find("is in use by another session")) << r.output;
 }
 
-TEST_F(SessionChildTest, StoppedByASignalItRemovesTheTemporaryDirectoryUnlessKept) {
+// Started with its output hidden, in a process group of its own; returns
+// once its temporary directory exists and it has run a little.
+pid_t startLongSession(const std::string& tmpdir, bool keep) {
+    std::vector<std::string> args = {QRNCAM_SESSION, "--frames", "100000",     "--frame-size", "8",
+                                     "--fps",        "1",        "--quiet-log"};
+    if (keep) args.push_back("--keep");
+    const std::string env = "TMPDIR=" + tmpdir;
+    pid_t pid = fork();
+    if (pid == 0) {
+        setpgid(0, 0);
+        putenv(const_cast<char*>(env.c_str()));
+        int devnull = open("/dev/null", O_WRONLY);
+        dup2(devnull, 1), dup2(devnull, 2);
+        std::vector<char*> av;
+        for (auto& a : args) av.push_back(const_cast<char*>(a.c_str()));
+        av.push_back(nullptr);
+        execv(av[0], av.data());
+        _exit(127);
+    }
+    for (int i = 0; i < 500 && leftBehind(tmpdir) == 0; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    return pid;
+}
+
+TEST_F(SessionChildTest, StoppedOrFailedItRemovesTheTemporaryDirectoryUnlessKept) {
     for (bool keep : {false, true}) {
-        for (int sig : {SIGTERM, SIGINT}) {
-            std::vector<std::string> args = {QRNCAM_SESSION, "--frames", "100000",     "--frame-size", "8",
-                                             "--fps",        "1",        "--quiet-log"};
-            if (keep) args.push_back("--keep");
-            const std::string env = "TMPDIR=" + tmp.path();
-            pid_t pid = fork();
-            if (pid == 0) {
-                setpgid(0, 0);  // a group of its own, for the clean-up below
-                putenv(const_cast<char*>(env.c_str()));
-                int devnull = open("/dev/null", O_WRONLY);
-                dup2(devnull, 1), dup2(devnull, 2);
-                std::vector<char*> av;
-                for (auto& a : args) av.push_back(const_cast<char*>(a.c_str()));
-                av.push_back(nullptr);
-                execv(av[0], av.data());
-                _exit(127);
+        // SIGTERM or Ctrl-C to the program, or its session process killed.
+        for (int sig : {SIGTERM, SIGINT, SIGKILL}) {
+            SCOPED_TRACE(std::string(strsignal(sig)) + (keep ? ", kept" : ""));
+            pid_t pid = startLongSession(tmp.path(), keep);
+            if (sig == SIGKILL) {
+                std::string children;
+                std::getline(
+                    std::ifstream("/proc/" + std::to_string(pid) + "/task/" + std::to_string(pid) + "/children"),
+                    children);
+                ASSERT_GT(atoi(children.c_str()), 0);
+                kill(atoi(children.c_str()), SIGKILL);
+            } else {
+                kill(pid, sig);
             }
-            // Until the session has started, then a little longer.
-            for (int i = 0; i < 500 && leftBehind(tmp.path()) == 0; ++i)
-                std::this_thread::sleep_for(std::chrono::milliseconds(10));
-            std::this_thread::sleep_for(std::chrono::milliseconds(300));
-            kill(pid, sig);
             int status = 0;
             waitpid(pid, &status, 0);
-            EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == sig) << sig << " status " << status;
+            if (sig == SIGKILL)
+                EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status;
+            else
+                EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == sig) << status;
             kill(-pid, SIGKILL);  // a session process the signal did not reach must not outlive the test
-            EXPECT_EQ(keep ? 1 : 0, leftBehind(tmp.path())) << "signal " << sig << (keep ? ", kept" : "");
+            EXPECT_EQ(keep ? 1 : 0, leftBehind(tmp.path()));
             for (const auto& e : fs::directory_iterator(tmp.path())) fs::remove_all(e.path());
         }
     }

@@ -52,6 +52,7 @@
 #include <vector>
 
 #include "FileCacheInternal.h"  // gCachedBytes, for the budget's peak
+#include "TraceEvents.h"
 
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
@@ -93,7 +94,8 @@ const char* kUsage =
     "  --frames-per-file N frames dumped into one file (default 10)\n"
     "  --fps N             frames per second of each capture thread, 0 for no pacing (default 60)\n"
     "  --budget SIZE       file cache budget (vendor.debug.file_cache.storage_size, default 200M)\n"
-    "  --trace FILE        write the trace sections to FILE (\"B|pid|name\" / \"E|pid\")\n"
+    "  --trace FILE        write the session's trace to FILE (trace-event JSON: open it in\n"
+    "                      ui.perfetto.dev or chrome://tracing; FILE is replaced)\n"
     "  --quiet-log         do not print log lines\n"
     "  --help              this text\n";
 
@@ -233,6 +235,7 @@ int parseOptions(int argc, char** argv, Options* o) {
 
 std::mutex gOutLock;
 bool gQuietLog = false;
+session::TraceEvents gTrace;  // open only with --trace
 
 int tid() {
     return static_cast<int>(syscall(SYS_gettid));
@@ -271,6 +274,7 @@ void printLine(char letter, const char* tag, const std::string& text) {
 
 void androidLogger(const struct __android_logger_data* data, const char* message) {
     printLine(priorityLetter(data->priority), data->tag ? data->tag : "", message ? message : "");
+    gTrace.log(priorityLetter(data->priority), data->tag ? data->tag : "", message ? message : "", tid());
 }
 
 // The unified logger's lines, in the same style, marked as such.
@@ -281,7 +285,9 @@ struct SessionULogger : ULogger {
         if (length > static_cast<int64_t>(t.size())) t += " [cut at 1023 of " + std::to_string(length) + "]";
         char mod[16];
         snprintf(mod, sizeof mod, "%08" PRIx32, module);
-        printLine(letter, (std::string("ulog/") + (tag ? tag : "") + "[" + mod + "]").c_str(), t);
+        const std::string fullTag = std::string("ulog/") + (tag ? tag : "") + "[" + mod + "]";
+        printLine(letter, fullTag.c_str(), t);
+        gTrace.log(letter, fullTag, t, tid());
     }
 };
 
@@ -325,14 +331,18 @@ BurstResult captureBurst(const Options& o, const std::string& dumpDir) {
     // Samples the budget in use while the burst runs: the peak printed is
     // the highest value seen.
     std::thread monitor([&] {
+        gTrace.threadName(tid(), "budget monitor");
+        uint64_t last = UINT64_MAX;
         while (!done.load()) {
             uint64_t v = gCachedBytes;
+            if (v != last) gTrace.counter("dump budget charged", static_cast<double>(v)), last = v;
             if (v > peak.load()) peak.store(v);
             std::this_thread::sleep_for(std::chrono::microseconds(100));
         }
     });
     std::mutex resLock;
     auto worker = [&](int thread) {
+        gTrace.threadName(tid(), "capture " + std::to_string(thread));
         // A camera delivers frames at its frame rate, not as fast as memory
         // can be copied; the flush worker gets the gaps.
         auto period = o.fps > 0 ? std::chrono::microseconds(1000000 / o.fps) : std::chrono::microseconds(0);
@@ -385,7 +395,7 @@ struct Event {
 
 std::vector<Event> timeline(const android::sp<qrnhost::power::SimPowerService>& sim) {
     std::vector<Event> ev;
-    for (const auto& c : sim->journal()) ev.push_back({c.when, "power  " + c.toString()});
+    for (const auto& c : sim->journal()) ev.push_back({c.when, "power  " + session::describe(c)});
     for (const auto& c : qrnhost::perf::journal()) ev.push_back({c.when, "perf   " + c.toString()});
     std::stable_sort(ev.begin(), ev.end(), [](const Event& a, const Event& b) { return a.when < b.when; });
     return ev;
@@ -424,11 +434,16 @@ int runSession(const Options& o, const std::string& dir) {
         }
     }
     if (!o.traceFile.empty()) {
+        // The camera tag on, as debug.atrace.tags.enableflags=0x400 does on a
+        // device; the sections go to the kernel's trace marker when there is
+        // one, and to the trace file.
         property_set(qrnhost::trace::kTagsProperty, "0x400");
-        if (!qrnhost::trace::setMarkerPath(o.traceFile)) {
-            fprintf(stderr, "qrncam_session: cannot write trace file %s\n", o.traceFile.c_str());
+        if (!gTrace.open(dir + "/trace.part")) {
+            fprintf(stderr, "qrncam_session: cannot write %s/trace.part\n", dir.c_str());
             return 2;
         }
+        qrnhost::trace::setObserver([](const qrnhost::trace::Event& e) { gTrace.section(e.begin, e.name, e.tid); });
+        gTrace.threadName(tid(), "session");
     }
     qrnhost::trace::resetSetup();
 
@@ -443,6 +458,12 @@ int runSession(const Options& o, const std::string& dir) {
         fprintf(stderr, "qrncam_session: cannot register the simulated power service\n");
         return 1;
     }
+
+    // The dump worker's thread, asked while the queue is idle, so that the
+    // parent can put the flushes that end after this process on it.
+    int workerTid = 0;
+    gFileCacheQueue.addJob([&workerTid] { workerTid = tid(); }, 0).second.wait();
+    gTrace.threadName(workerTid, "FileCache worker");
 
     section("camera controller session (Cam3CPUCtrl)");
     Utils::Cam3CPUCtrl* cam = Utils::Cam3CPUCtrl::createInstance();
@@ -542,10 +563,28 @@ int runSession(const Options& o, const std::string& dir) {
     }
     printf("%zu dump files, %d not yet complete as the session exits\n", burst.files.size(), pending);
 
+    if (gTrace.isOpen()) {
+        gTrace.powerAndPerf(sim->journal(), qrnhost::perf::journal(), session::nowMicros());
+        // Threads not named above (the platform's own) keep their system name.
+        for (const auto& e : fs::directory_iterator("/proc/self/task")) {
+            std::string comm;
+            std::getline(std::ifstream(e.path() / "comm"), comm);
+            const int t = atoi(e.path().filename().c_str());
+            if (t != tid() && t != workerTid) gTrace.threadName(t, comm);
+        }
+        qrnhost::trace::setObserver(nullptr);
+        if (!gTrace.close()) {
+            fprintf(stderr, "qrncam_session: cannot write %s/trace.part\n", dir.c_str());
+            exit(3);
+        }
+    }
+
     // What the parent needs for its report; the dumps are still being
     // written when this process exits.
     std::ofstream sum(dir + "/session.txt");
-    sum << "frame_size " << o.frameSize << "\n"
+    sum << "pid " << getpid() << "\n"
+        << "worker_tid " << workerTid << "\n"
+        << "frame_size " << o.frameSize << "\n"
         << "bytes_accepted " << burst.bytesAccepted << "\n"
         << "frames_refused " << burst.framesRefused << "\n"
         << "peak_cached " << burst.peakCached << "\n"
@@ -649,7 +688,7 @@ std::string human(double bytes) {
     return buf;
 }
 
-int report(const std::string& dir, int childStatus) {
+int report(const std::string& dir, const std::string& traceFile, int childStatus) {
     section("closing report");
     if (!WIFEXITED(childStatus) || WEXITSTATUS(childStatus) != 0) {
         printf("the session process failed (status 0x%x)\n", childStatus);
@@ -659,7 +698,7 @@ int report(const std::string& dir, int childStatus) {
     // Every number the report uses, checked before any is used: a summary
     // cut short (a full disk) or edited by hand is a clear failure.
     std::map<std::string, double> n;
-    for (const char* key : {"frame_size", "unintended", "peak_cached", "budget"}) {
+    for (const char* key : {"pid", "worker_tid", "frame_size", "unintended", "peak_cached", "budget"}) {
         const std::string& text = s.kv[key];
         char* end = nullptr;
         const double v = text.empty() ? 0 : strtod(text.c_str(), &end);
@@ -677,6 +716,7 @@ int report(const std::string& dir, int childStatus) {
     // when its cache was dropped or when the one before it ended, whichever
     // is later, and ends at its file's last modification.
     double busy = 0, previousEnd = 0;
+    std::vector<std::string> flushes;  // trace events, on the dump worker's thread
     for (const auto& f : s.files) {
         std::string problem = verifyFile(f, frameSize);
         if (problem.empty()) {
@@ -689,6 +729,13 @@ int report(const std::string& dir, int childStatus) {
         double start = std::max(f.dropped, previousEnd);
         if (end > start) busy += end - start;
         previousEnd = std::max(previousEnd, end);
+        flushes.push_back("{\"ph\":\"X\",\"cat\":\"dump\",\"name\":" +
+                          session::jsonString("flush " + fs::path(f.path).filename().string()) +
+                          ",\"ts\":" + std::to_string(static_cast<int64_t>(start * 1e6)) +
+                          ",\"dur\":" + std::to_string(static_cast<int64_t>(std::max(0.0, end - start) * 1e6)) +
+                          ",\"pid\":" + s.kv["pid"] + ",\"tid\":" + s.kv["worker_tid"] + ",\"args\":{\"file\":" +
+                          session::jsonString(f.path) + ",\"bytes\":" + std::to_string(f.frames.size() * frameSize) +
+                          ",\"verified\":" + (problem.empty() ? "true" : "false") + "}}");
         printf("  %-32s %2zu frames%s  %s\n", fs::path(f.path).filename().c_str(), f.frames.size(),
                f.refused ? (" (" + std::to_string(f.refused) + " refused: budget)").c_str() : "",
                problem.empty() ? "verified" : ("FAILED: " + problem).c_str());
@@ -706,6 +753,13 @@ int report(const std::string& dir, int childStatus) {
         "files verified:            %d of %zu, byte for byte, after the session exited with %s of them "
         "still pending\n",
         verified, s.files.size(), s.kv["pending_at_exit"].c_str());
+    if (!traceFile.empty()) {
+        if (!session::writeTraceFile(traceFile, dir + "/trace.part", flushes)) {
+            printf("cannot write the trace file %s\n", traceFile.c_str());
+            return 1;
+        }
+        printf("trace:                     %s (open it in ui.perfetto.dev or chrome://tracing)\n", traceFile.c_str());
+    }
     return bad == 0 && unintended == 0 ? 0 : 1;
 }
 
@@ -763,6 +817,18 @@ int main(int argc, char** argv) {
                         qrnhost::properties::kFileEnv, propertyFile);
             return 2;
         }
+    }
+
+    // Checked before the session starts, so that an hour's run does not end
+    // with nowhere to put its trace.
+    if (!o.traceFile.empty()) {
+        FILE* f = fopen(o.traceFile.c_str(), "w");
+        if (f == nullptr) {
+            fprintf(stderr, "qrncam_session: cannot write the trace file %s: %s\n", o.traceFile.c_str(),
+                    strerror(errno));
+            return 2;
+        }
+        fclose(f);
     }
 
     std::string dir = o.outDir;
@@ -841,5 +907,5 @@ int main(int argc, char** argv) {
         raise(sig);  // the status the caller expects of a stopped program
         return 128 + sig;
     }
-    return finish(report(dir, status));
+    return finish(report(dir, o.traceFile, status));
 }
