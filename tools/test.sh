@@ -4,12 +4,13 @@
 #   lanes: default (normal build, every test), format (clang-format),
 #          device (as the device compiles it, suite on libc++), asan
 #          (ASan+UBSan), tsan, stress (bounded, under ASan+UBSan and TSan),
-#          valgrind, tidy, arm64, fuzz, package;  no argument runs them all.
+#          valgrind, tidy, arm64, fuzz, package, report (the session's page
+#          in headless chromium);  no argument runs them all.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
 lanes=("$@")
-[ "${#lanes[@]}" -gt 0 ] || lanes=(default format device asan tsan stress valgrind tidy package arm64 fuzz)
+[ "${#lanes[@]}" -gt 0 ] || lanes=(default format device asan tsan stress valgrind tidy package report arm64 fuzz)
 cross=0
 for l in "${lanes[@]}"; do [ "$l" = arm64 ] && cross=1; done
 if [ "$cross" = 1 ]; then tools/ci/install-deps.sh --cross; else tools/ci/install-deps.sh; fi

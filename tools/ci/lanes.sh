@@ -87,6 +87,20 @@ lane_arm64() { tools/ci/arm64.sh; }
 # exceptions or RTTI unless asked), and the whole suite on libc++.
 lane_device() { tools/ci/device.sh; }
 
+lane_report() {
+  # The session's report page opened in a real browser. Debian's chromium is
+  # installed here, not by install-deps: only this lane needs it.
+  if ! command -v chromium >/dev/null; then
+    SUDO=""
+    [ "$(id -u)" = 0 ] || SUDO=sudo
+    $SUDO apt-get update -qq
+    DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq --no-install-recommends chromium >/dev/null
+  fi
+  cmake --preset default >/dev/null
+  cmake --build --preset default -j"$jobs" --target qrncam_session
+  python3 tests/session/check_report.py build/default/bin/qrncam_session
+}
+
 lane_fuzz() { QRNCAM_FUZZ_BUILD_DIR="$root/build/fuzz" tools/ci/fuzz.sh "${QRNCAM_FUZZ_SECONDS:-60}"; }
 
 for lane in "$@"; do

@@ -220,20 +220,40 @@ void TraceEvents::powerAndPerf(const std::vector<qrnhost::power::Call>& power,
     for (auto& [h, l] : locks) async("e", "perf", l.second, l.second, std::min(endMicros, l.first), "");
 }
 
-bool writeTraceFile(const std::string& path, const std::string& partPath, const std::vector<std::string>& extra) {
+std::string readEvents(const std::string& partPath, const std::vector<std::string>& extra) {
     std::ifstream part(partPath);
-    std::ofstream out(path, std::ios::trunc);
-    if (!part || !out) return false;
-    out << "{\"displayTimeUnit\":\"ms\",\"traceEvents\":[\n";
-    bool first = true;
+    std::string out;
     auto add = [&](const std::string& object) {
         if (object.empty()) return;
-        out << (first ? "" : ",\n") << object;
-        first = false;
+        out += (out.empty() ? "" : ",\n") + object;
     };
     for (std::string line; std::getline(part, line);) add(line);
     for (const std::string& e : extra) add(e);
-    out << "\n]}\n";
+    return out;
+}
+
+bool writeTraceFile(const std::string& path, const std::string& partPath, const std::vector<std::string>& extra) {
+    std::ofstream out(path, std::ios::trunc);
+    out << "{\"displayTimeUnit\":\"ms\",\"traceEvents\":[\n" << readEvents(partPath, extra) << "\n]}\n";
+    out.close();
+    return static_cast<bool>(out);
+}
+
+extern const char* const kReportHtml;
+
+bool writeReport(const std::string& path, const std::string& data) {
+    // Inside a script element "</" could end it early; JSON reads "<\/" the same.
+    std::string safe;
+    for (size_t i = 0; i < data.size(); ++i) {
+        safe += data[i];
+        if (data[i] == '<' && i + 1 < data.size() && data[i + 1] == '/') safe += '\\';
+    }
+    std::string page = kReportHtml;
+    const size_t at = page.find("@DATA@");
+    if (at == std::string::npos) return false;
+    page.replace(at, 6, safe);
+    std::ofstream out(path, std::ios::trunc);
+    out << page;
     out.close();
     return static_cast<bool>(out);
 }

@@ -62,4 +62,9 @@ class TraceEvents {
 // objects), truncating path. False if it cannot be written.
 bool writeTraceFile(const std::string& path, const std::string& partPath, const std::vector<std::string>& extra);
 
+// The part file's events and the extra ones, as the inside of a JSON array.
+std::string readEvents(const std::string& partPath, const std::vector<std::string>& extra);
+// Writes the report page with data (a JSON object) in it, truncating path.
+bool writeReport(const std::string& path, const std::string& data);
+
 }  // namespace session

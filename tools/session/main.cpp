@@ -73,6 +73,7 @@ struct Options {
     int fps = 60;  // per capture thread
     int64_t budget = 200ll << 20;
     std::string traceFile;
+    std::string reportFile;
     bool quietLog = false;
     bool child = false;
 };
@@ -96,6 +97,8 @@ const char* kUsage =
     "  --budget SIZE       file cache budget (vendor.debug.file_cache.storage_size, default 200M)\n"
     "  --trace FILE        write the session's trace to FILE (trace-event JSON: open it in\n"
     "                      ui.perfetto.dev or chrome://tracing; FILE is replaced)\n"
+    "  --report FILE.html  write a page that shows the session: its timeline, the dump\n"
+    "                      budget over time, the flushes and the files (self-contained)\n"
     "  --quiet-log         do not print log lines\n"
     "  --help              this text\n";
 
@@ -141,6 +144,7 @@ int parseOptions(int argc, char** argv, Options* o) {
         kFps,
         kBudget,
         kTrace,
+        kReport,
         kQuiet,
         kHelp,
         kChild
@@ -157,6 +161,7 @@ int parseOptions(int argc, char** argv, Options* o) {
                                              {"fps", required_argument, nullptr, kFps},
                                              {"budget", required_argument, nullptr, kBudget},
                                              {"trace", required_argument, nullptr, kTrace},
+                                             {"report", required_argument, nullptr, kReport},
                                              {"quiet-log", no_argument, nullptr, kQuiet},
                                              {"help", no_argument, nullptr, kHelp},
                                              {"child", no_argument, nullptr, kChild},
@@ -216,6 +221,7 @@ int parseOptions(int argc, char** argv, Options* o) {
                 o->budget = static_cast<int64_t>(size);
                 break;
             case kTrace: o->traceFile = optarg; break;
+            case kReport: o->reportFile = optarg; break;
             case kQuiet: o->quietLog = true; break;
             case kHelp: fputs(kUsage, stdout); return -1;
             case kChild: o->child = true; break;
@@ -433,7 +439,7 @@ int runSession(const Options& o, const std::string& dir) {
             return 2;
         }
     }
-    if (!o.traceFile.empty()) {
+    if (!o.traceFile.empty() || !o.reportFile.empty()) {
         // The camera tag on, as debug.atrace.tags.enableflags=0x400 does on a
         // device; the sections go to the kernel's trace marker when there is
         // one, and to the trace file.
@@ -591,6 +597,8 @@ int runSession(const Options& o, const std::string& dir) {
         << "budget " << o.budget << "\n"
         << "burst_seconds " << burstSeconds << "\n"
         << "pending_at_exit " << pending << "\n"
+        << "exit_time " << std::fixed << realtimeNow() << "\n"
+        << "charged_at_exit " << gCachedBytes.load() << "\n"
         << "unintended " << unintended << "\n"
         << "scenarios_left " << left.size() << "\n"
         << "locks_left " << locks.size() << "\n";
@@ -688,7 +696,7 @@ std::string human(double bytes) {
     return buf;
 }
 
-int report(const std::string& dir, const std::string& traceFile, int childStatus) {
+int report(const std::string& dir, const Options& o, int childStatus) {
     section("closing report");
     if (!WIFEXITED(childStatus) || WEXITSTATUS(childStatus) != 0) {
         printf("the session process failed (status 0x%x)\n", childStatus);
@@ -716,7 +724,8 @@ int report(const std::string& dir, const std::string& traceFile, int childStatus
     // when its cache was dropped or when the one before it ended, whichever
     // is later, and ends at its file's last modification.
     double busy = 0, previousEnd = 0;
-    std::vector<std::string> flushes;  // trace events, on the dump worker's thread
+    std::vector<std::string> flushes;   // trace events, on the dump worker's thread
+    std::vector<std::string> fileRows;  // the report's table
     for (const auto& f : s.files) {
         std::string problem = verifyFile(f, frameSize);
         if (problem.empty()) {
@@ -729,6 +738,10 @@ int report(const std::string& dir, const std::string& traceFile, int childStatus
         double start = std::max(f.dropped, previousEnd);
         if (end > start) busy += end - start;
         previousEnd = std::max(previousEnd, end);
+        fileRows.push_back("{\"path\":" + session::jsonString(f.path) +
+                           ",\"frames\":" + std::to_string(f.frames.size()) +
+                           ",\"bytes\":" + std::to_string(f.frames.size() * frameSize) + ",\"verified\":" +
+                           (problem.empty() ? "true" : "false") + ",\"problem\":" + session::jsonString(problem) + "}");
         flushes.push_back("{\"ph\":\"X\",\"cat\":\"dump\",\"name\":" +
                           session::jsonString("flush " + fs::path(f.path).filename().string()) +
                           ",\"ts\":" + std::to_string(static_cast<int64_t>(start * 1e6)) +
@@ -753,12 +766,41 @@ int report(const std::string& dir, const std::string& traceFile, int childStatus
         "files verified:            %d of %zu, byte for byte, after the session exited with %s of them "
         "still pending\n",
         verified, s.files.size(), s.kv["pending_at_exit"].c_str());
-    if (!traceFile.empty()) {
-        if (!session::writeTraceFile(traceFile, dir + "/trace.part", flushes)) {
-            printf("cannot write the trace file %s\n", traceFile.c_str());
+    // The budget after the session's process: each flush that ended later
+    // gave its bytes back.
+    {
+        std::vector<std::pair<double, uint64_t>> later;
+        const double exitTime = atof(s.kv["exit_time"].c_str());
+        for (const auto& f : s.files) {
+            const double end = fileMtime(f.path);
+            if (end > exitTime) later.emplace_back(end, f.frames.size() * frameSize);
+        }
+        std::sort(later.begin(), later.end());
+        uint64_t charged = strtoull(s.kv["charged_at_exit"].c_str(), nullptr, 10);
+        for (const auto& [end, bytes] : later) {
+            charged -= std::min(charged, bytes);
+            flushes.push_back("{\"ph\":\"C\",\"name\":\"dump budget charged\",\"ts\":" +
+                              std::to_string(static_cast<int64_t>(end * 1e6)) + ",\"pid\":" + s.kv["pid"] +
+                              ",\"args\":{\"bytes\":" + std::to_string(charged) + "}}");
+        }
+    }
+    if (!o.traceFile.empty()) {
+        if (!session::writeTraceFile(o.traceFile, dir + "/trace.part", flushes)) {
+            printf("cannot write the trace file %s\n", o.traceFile.c_str());
             return 1;
         }
-        printf("trace:                     %s (open it in ui.perfetto.dev or chrome://tracing)\n", traceFile.c_str());
+        printf("trace:                     %s (open it in ui.perfetto.dev or chrome://tracing)\n", o.traceFile.c_str());
+    }
+    if (!o.reportFile.empty()) {
+        std::string files;
+        for (const std::string& f : fileRows) files += (files.empty() ? "" : ",") + f;
+        const std::string data = "{\"budget\":" + s.kv["budget"] + ",\"files\":[" + files + "],\"events\":[" +
+                                 session::readEvents(dir + "/trace.part", flushes) + "]}";
+        if (!session::writeReport(o.reportFile, data)) {
+            printf("cannot write the report %s\n", o.reportFile.c_str());
+            return 1;
+        }
+        printf("report:                    %s (open it in a browser)\n", o.reportFile.c_str());
     }
     return bad == 0 && unintended == 0 ? 0 : 1;
 }
@@ -907,5 +949,5 @@ int main(int argc, char** argv) {
         raise(sig);  // the status the caller expects of a stopped program
         return 128 + sig;
     }
-    return finish(report(dir, o.traceFile, status));
+    return finish(report(dir, o, status));
 }
