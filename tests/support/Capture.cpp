@@ -164,6 +164,19 @@ ChildResult runChild(const std::vector<std::string>& argv, const std::vector<std
     return res;
 }
 
+std::string exitDumpProblem(const std::string& child) {
+    TempDir dir;
+    ChildResult r = runChild({child, "dump", dir.path()});
+    if (!WIFEXITED(r.status) || WEXITSTATUS(r.status) != 0) return "the child failed: " + r.output;
+    for (int c = 0; c < 5; ++c) {
+        std::string expected;
+        for (int b = 0; b < 4; ++b) expected += std::string(300000, static_cast<char>('A' + c * 4 + b));
+        if (expected != readFile(dir.file("dump" + std::to_string(c) + ".bin")))
+            return "dump" + std::to_string(c) + ".bin is not whole";
+    }
+    return "";
+}
+
 TempDir::TempDir() {
     const char* base = getenv("TMPDIR");
     std::string tmpl = std::string(base && *base ? base : "/tmp") + "/qrncam-test-XXXXXX";

@@ -70,6 +70,12 @@ struct ChildResult {
 };
 ChildResult runChild(const std::vector<std::string>& argv, const std::vector<std::string>& env = {});
 
+// Runs the file cache's helper program (child) as "dump DIR" in a fresh
+// directory: it exits with five caches' flushes still queued. Returns ""
+// when it exited 0 and every dump file holds all its blocks, else what went
+// wrong.
+std::string exitDumpProblem(const std::string& child);
+
 // A fresh directory under TMPDIR, removed with its contents on destruction.
 class TempDir {
   public:
