@@ -11,6 +11,7 @@ set(QRNCAM_INSTALL_PERFDIR "${CMAKE_INSTALL_LIBDIR}/perf")
 install(TARGETS qrncam_sysutils ${QRNHOST_LIBRARIES}
   EXPORT qrncam_sysutilsTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
   INCLUDES DESTINATION ${QRNCAM_INSTALL_INCDIR} ${QRNCAM_INSTALL_INCDIR}/platform)
 # The simulated perf-lock library keeps a directory of its own, as in the
 # build tree: the library opens it by name through its RUNPATH, and the

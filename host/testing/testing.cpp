@@ -1,9 +1,6 @@
 #include <qrnhost/testing.h>
-#include <stdlib.h>
 
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <system_error>
 
 namespace qrnhost::testing {
@@ -50,41 +47,29 @@ Status deadObject() {
     return Status::fromStatusT(::android::DEAD_OBJECT);
 }
 
-KernelNodes::KernelNodes() {
-    std::error_code ec;
-    std::filesystem::path base = std::filesystem::temp_directory_path(ec);
-    if (ec) base = "/tmp";
-    std::string pattern = (base / "qrnhost-kernel-XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr) abort();  // a test cannot go on without it
-    mRoot = pattern;
-}
+KernelNodes::KernelNodes() = default;
 
 KernelNodes::~KernelNodes() {
     for (const std::string& p : mRedirected) kernelfs::clear(p);
-    std::error_code ec;
-    std::filesystem::remove_all(mRoot, ec);
 }
 
 void KernelNodes::set(const std::string& fixedPath, const std::string& contents) {
-    const std::filesystem::path file = mRoot + fixedPath;
+    const std::filesystem::path file = root() + fixedPath;
     std::filesystem::create_directories(file.parent_path());
-    std::ofstream(file, std::ios::binary | std::ios::trunc) << contents;
+    writeFile(file.string(), contents);
     kernelfs::redirect(fixedPath, file.string());
     mRedirected.push_back(fixedPath);
 }
 
 void KernelNodes::remove(const std::string& fixedPath) {
     std::error_code ec;
-    std::filesystem::remove(mRoot + fixedPath, ec);
-    kernelfs::redirect(fixedPath, mRoot + fixedPath);
+    std::filesystem::remove(root() + fixedPath, ec);
+    kernelfs::redirect(fixedPath, root() + fixedPath);
     mRedirected.push_back(fixedPath);
 }
 
 std::string KernelNodes::contents(const std::string& fixedPath) const {
-    std::ifstream in(mRoot + fixedPath, std::ios::binary);
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
+    return readFile(root() + fixedPath);
 }
 
 void reset() {

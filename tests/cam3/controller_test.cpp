@@ -3,8 +3,6 @@
 // controller's life as its own death recipient. The lifetime cases are meant
 // to run under ASan/UBSan and TSan with the real libutils.
 #include <Cam3CPUCtrlImp.h>
-#include <Capture.h>
-#include <Transcript.h>
 #include <cutils/properties.h>
 #include <gtest/gtest.h>
 #include <qrnhost/PerfSim.h>
@@ -13,6 +11,7 @@
 #include <qrnhost/properties.h>
 #include <qrnhost/testing.h>
 
+#include <qrnhost/transcript.h>
 #include <algorithm>
 #include <atomic>
 #include <functional>
@@ -20,9 +19,13 @@
 #include <memory>
 #include <thread>
 
+#include "Support.h"
+
 namespace {
 
-using qrntest::Capture;
+namespace qt = qrnhost::testing;
+
+using qt::Capture;
 using Strings = std::vector<std::string>;
 
 // Gives the controller back when the test ends, unless the test did (reset()).
@@ -48,7 +51,7 @@ Strings text(const Calls& calls) {
 }
 
 size_t countAndroid(const Capture& cap, const std::string& text) {
-    Strings t = cap.texts(qrntest::Sink::Android, "Cam3CPUCtrl_util");
+    Strings t = cap.texts(qt::Sink::Android, "Cam3CPUCtrl_util");
     return std::count(t.begin(), t.end(), text);
 }
 
@@ -71,8 +74,8 @@ class Cam3Test : public ::testing::Test {
 // what is left behind (nothing).
 TEST_F(Cam3Test, SessionTranscript) {
     Capture cap(3, 5, 0x00107000);
-    qrntest::Transcript t(cap, sim);
-    qrntest::Steps run{t};
+    qt::Transcript t(cap, sim);
+    qt::Steps run{t};
     t.step("createInstance");
     Owned c;
     run("cpuPerformanceMode(10)", [&] { return c->cpuPerformanceMode(10); });
@@ -130,8 +133,8 @@ TEST_F(Cam3Test, BindingTranscript) {
     property_set("vendor.cam3dev.cpupreferidle", "1");
     qrnhost::hidl::unregisterAll();
     Capture cap(1, 5, 0x00107000, false);
-    qrntest::Transcript t(cap, nullptr);
-    qrntest::Steps run{t};
+    qt::Transcript t(cap, nullptr);
+    qt::Steps run{t};
     Owned c;
     run("init", [&] { return c->init(); });
     run("cpuPerformanceMode(5)", [&] { return c->cpuPerformanceMode(5); });
@@ -161,7 +164,6 @@ TEST_F(Cam3Test, BindingTranscript) {
     qrnhost::power::killDefaultService();
     qrnhost::hidl::waitForRuntimeIdle();
     // A link that fails leaves the service bound, and says how it failed.
-    namespace qt = qrnhost::testing;
     t.replaceSim(qt::startPowerService());
     for (const char* how : {"refuses", "fails in transport"}) {
         t.step(std::string("a new controller; linkToDeath ") + how);

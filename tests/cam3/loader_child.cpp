@@ -4,8 +4,8 @@
 // loader_test to check. Linked with the static library so that the only way
 // to the perf-lock library is LD_LIBRARY_PATH.
 #include <Cam3CPUCtrlImp.h>
-#include <Capture.h>
 #include <dlfcn.h>
+#include <qrnhost/capture.h>
 #include <stdio.h>
 #include <string.h>
 
@@ -19,20 +19,22 @@ extern "C" void* dlopen(const char* file, int mode) {
     return real(file, mode);
 }
 
+namespace qt = qrnhost::testing;
+
 namespace Utils {
 struct Cam3CPUCtrlPeer {
     static void run() {
-        qrntest::Capture cap(1, 5, 0x00107000, false);
+        qt::Capture cap(1, 5, 0x00107000, false);
         for (int round = 1; round <= 2; ++round) {
             cap.clear();
             const int before = gPerfDlopens;
             auto* c = static_cast<Cam3CPUCtrlImp*>(Cam3CPUCtrl::createInstance());
             const bool mapped =
-                qrntest::readFile("/proc/self/maps").find("libqrnperf_client_vendor.so") != std::string::npos;
+                qt::readFile("/proc/self/maps").find("libqrnperf_client_vendor.so") != std::string::npos;
             printf("round %d dlopen=%d acq=%d rel=%d mapped=%d\n", round, gPerfDlopens - before,
                    c->mPerfLockAcq != nullptr, c->mPerfLockRel != nullptr, mapped);
             // What the loader logged: level letter and text, newlines shown as \n.
-            for (const auto& r : cap.records(qrntest::Sink::Android)) {
+            for (const auto& r : cap.records(qt::Sink::Android)) {
                 if (r.tag != "Cam3CPUCtrl_util" || r.text == "[createInstance] " || r.text == "[Cam3CPUCtrlImp] ")
                     continue;
                 std::string text;

@@ -1,13 +1,17 @@
 // The perf-lock loader, each case in a process of its own: library absent,
 // present without one of its entry points, and present.
 #include <Cam3CPUCtrl.h>
-#include <Capture.h>
 #include <gmock/gmock.h>
 #include <sys/wait.h>
 
+#include <qrnhost/capture.h>
 #include <sstream>
 
+#include "Support.h"
+
 namespace {
+
+namespace qt = qrnhost::testing;
 
 using ::testing::ElementsAre;
 using ::testing::Matcher;
@@ -29,7 +33,7 @@ Matcher<const std::string&> warning(const std::string& what) {
 
 TEST(PerfLockLoader, RetriedUntilLoadedThenOnlyCopied) {
     // Without the library every enter declines and the exits have nothing to do.
-    qrntest::TempDir empty;
+    qt::TempDir empty;
     const auto absent = warning("dlopen fail: .*libqrnperf_client_vendor\\.so");
     EXPECT_THAT(runLoader(empty.path()),
                 ElementsAre("round 1 dlopen=1 acq=0 rel=0 mapped=0", absent, "round 2 dlopen=1 acq=0 rel=0 mapped=0",

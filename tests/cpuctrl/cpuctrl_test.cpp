@@ -8,17 +8,19 @@
 
 #include <qrnhost/PowerSim.h>
 #include <qrnhost/hidl.h>
+#include <qrnhost/transcript.h>
 #include <algorithm>
 #include <functional>
 #include <thread>
 
-#include "Capture.h"
-#include "Transcript.h"
+#include "Support.h"
 
 namespace {
 
+namespace qt = qrnhost::testing;
+
 using namespace qrnhost::power;
-using qrntest::Sink;
+using qt::Sink;
 using Info = CpuCtrl::CPU_CTRL_INFO;
 using Range = CpuCtrl::CPU_CTRL_RANGE_INFO;
 
@@ -30,10 +32,10 @@ sp<SimPowerService> startSim(std::vector<int32_t> freqs = {1800000, 2400000}) {
 // Two users through every kind of request, then leaving one by one; both
 // sinks and the trace on. The scenarios left on the service are listed last.
 TEST(CpuCtrlTranscript, TwoUsersThroughEveryRequest) {
-    qrntest::Capture cap(3, 5, 0x40007000);
+    qt::Capture cap(3, 5, 0x40007000);
     sp<SimPowerService> sim = startSim();
-    qrntest::Transcript t(cap, sim);
-    qrntest::Steps run{t};
+    qt::Transcript t(cap, sim);
+    qt::Steps run{t};
     Info info{2, 2000, 4, -1000, 3};
     Range range{1, 2, 3, 4, 5, 6, 7, 8, 2}, partial{-1, 2, 3, -4, 500, -1, 700, 800, 1};
     t.step("createInstance");
@@ -69,10 +71,10 @@ TEST(CpuCtrlTranscript, TwoUsersThroughEveryRequest) {
 // later init no longer found; a boost before any request and on a service
 // without clusters. Android log only.
 TEST(CpuCtrlTranscript, RequestsWithoutUserOrService) {
-    qrntest::Capture cap(1, 5, 0x40007000);
+    qt::Capture cap(1, 5, 0x40007000);
     sp<SimPowerService> sim = startSim();
-    qrntest::Transcript t(cap, sim);
-    qrntest::Steps run{t};
+    qt::Transcript t(cap, sim);
+    qt::Steps run{t};
     Info info{1, 1000, 1, 1000, 0};
     Range range{1, 1, 1, 1, 1, 1, 1, 1, 0};
     CpuCtrl* ctrl = CpuCtrl::createInstance();
@@ -121,7 +123,7 @@ TEST(CpuCtrlTranscript, RequestsWithoutUserOrService) {
 class CpuCtrlTest : public ::testing::Test {
   protected:
     void TearDown() override { ctrl->destroyInstance(), qrnhost::hidl::unregisterAll(); }
-    qrntest::Capture cap{1, 5, 0x40007000};
+    qt::Capture cap{1, 5, 0x40007000};
     sp<SimPowerService> sim = startSim();
     CpuCtrl* ctrl = CpuCtrl::createInstance();
     Info info{2, 2000, 4, -1000, 3};

@@ -11,12 +11,15 @@
 #include <future>
 #include <thread>
 
-#include "AllocFault.h"
-#include "Capture.h"
+#include <qrnhost/allocfault.h>
+#include <qrnhost/transcript.h>
 #include "FileCacheInternal.h"
-#include "Transcript.h"
+
+#include "Support.h"
 
 namespace {
+
+namespace qt = qrnhost::testing;
 
 using android::sp;
 using NSCam::IFileCache;
@@ -56,11 +59,11 @@ class FileCacheTest : public ::testing::Test {
         mStart = gCachedBytes.load();
     }
     void TearDown() override { drain(); }
-    std::vector<std::string> lines() const { return mCap.texts(qrntest::Sink::Android, "file_cache"); }
+    std::vector<std::string> lines() const { return mCap.texts(qt::Sink::Android, "file_cache"); }
     std::string file(const std::string& name) const { return mDir.file(name); }
 
-    qrntest::TempDir mDir;
-    qrntest::Capture mCap;
+    qt::TempDir mDir;
+    qt::Capture mCap;
     uint64_t mStart = 0;
 };
 
@@ -72,10 +75,10 @@ TEST_F(FileCacheTest, FlushTranscript) {
     // Failed allocations of earlier tests stay charged for good; they would
     // shift every "remain" line.
     gCachedBytes = 0;
-    qrntest::Transcript t(mCap, nullptr);
+    qt::Transcript t(mCap, nullptr);
     t.replace(mDir.path(), "$DIR");
     property_set("vendor.debug.file_cache.log", "1");
-    qrntest::writeFile(file("three"), std::string(200, 'o'));
+    qt::writeFile(file("three"), std::string(200, 'o'));
     auto write = [&](const sp<IFileCache>& fc, const std::string& what, const void* data, unsigned size) {
         t.step("write " + what);
         t.note("-> " + std::to_string(fc->write(data, size)));
@@ -108,13 +111,13 @@ TEST_F(FileCacheTest, FlushTranscript) {
     const std::string longName = mDir.path() + "/" + std::string(250, 'n') + "TAIL";
     put(IFileCache::open(longName.c_str()), "cut");
     drain();
-    EXPECT_EQ("cut", qrntest::readFile(longName.substr(0, 255)));
+    EXPECT_EQ("cut", qt::readFile(longName.substr(0, 255)));
 }
 
 // Every fault a caller can meet, with the log switch off: what each call
 // returns, what is logged, and what stays charged.
 TEST_F(FileCacheTest, FaultsTranscript) {
-    qrntest::Transcript t(mCap, nullptr);
+    qt::Transcript t(mCap, nullptr);
     t.replace(mDir.path(), "$DIR");
     property_set("vendor.debug.file_cache.storage_size", "-1");  // compared unsigned: lifts the budget
     t.step("open(nullptr)");
@@ -123,7 +126,7 @@ TEST_F(FileCacheTest, FaultsTranscript) {
     sp<IFileCache> fc = IFileCache::open(file("nomem").c_str());
     t.step("write 123457 bytes whose block cannot be allocated");
     {
-        qrntest::AllocFault fault(1);
+        qt::AllocFault fault(1);
         t.note("-> " + std::to_string(put(fc, odd)));
     }
     char byte = 0;
@@ -163,7 +166,7 @@ TEST_F(FileCacheTest, FaultsTranscript) {
 // holds exactly the blocks that were accepted, and the budget is back where
 // it was but for a block whose own allocation failed, which keeps its charge.
 TEST_F(FileCacheTest, AllocationFailuresAnywhereInOpenWriteAndDropFailCleanly) {
-    if (!qrntest::AllocFault::available()) GTEST_SKIP() << "operator new cannot be made to fail here";
+    if (!qt::AllocFault::available()) GTEST_SKIP() << "operator new cannot be made to fail here";
     const std::string first = "first", second = "second!";
     bool openFailed = false, cacheUnusable = false, blockFailed = false, appendFailed = false, dropFailed = false;
     long n = 1;
@@ -171,7 +174,7 @@ TEST_F(FileCacheTest, AllocationFailuresAnywhereInOpenWriteAndDropFailCleanly) {
         const std::string name = file(std::to_string(n));
         const uint64_t before = gCachedBytes.load();
         mCap.clear();
-        qrntest::AllocFault fault(n);
+        qt::AllocFault fault(n);
         sp<IFileCache> fc = IFileCache::open(name.c_str());
         const int w1 = fc != nullptr ? put(fc, first) : 0;
         const int w2 = fc != nullptr ? put(fc, second) : 0;
@@ -190,7 +193,7 @@ TEST_F(FileCacheTest, AllocationFailuresAnywhereInOpenWriteAndDropFailCleanly) {
                   gCachedBytes.load());
         const std::string want = (w1 > 0 ? first : "") + (w2 > 0 ? second : "");
         EXPECT_EQ(opened && !unusable, access(name.c_str(), F_OK) == 0);
-        EXPECT_EQ(want, qrntest::readFile(name));
+        EXPECT_EQ(want, qt::readFile(name));
         if (!opened || w1 == -1 || w2 == -1) {  // a failed call says so, with the file's name
             EXPECT_THAT(lines(), ::testing::Contains(::testing::HasSubstr("<" + name + ">")));
         }
@@ -240,12 +243,12 @@ TEST(FileCacheChildTest, DumpsStillQueuedAtExitReachStorageComplete) {
 // have nor write the parent's queued dumps a second time; its own dump is
 // written, by the thread that drops it.
 TEST(FileCacheChildTest, AForkedChildExitsAndLeavesTheParentsDumpsToIt) {
-    qrntest::TempDir dir;
+    qt::TempDir dir;
     qrntest::ChildResult r = qrntest::runChild({QRNCAM_FILECACHE_CHILD, "fork", dir.path()});
     ASSERT_TRUE(WIFEXITED(r.status) && WEXITSTATUS(r.status) == 0) << r.output;
     for (int c = 0; c < 3; ++c)
-        EXPECT_EQ("parent " + std::to_string(c), qrntest::readFile(dir.file("parent" + std::to_string(c) + ".bin")));
-    EXPECT_EQ("child", qrntest::readFile(dir.file("child.bin")));
+        EXPECT_EQ("parent " + std::to_string(c), qt::readFile(dir.file("parent" + std::to_string(c) + ".bin")));
+    EXPECT_EQ("child", qt::readFile(dir.file("child.bin")));
 }
 
 }  // namespace

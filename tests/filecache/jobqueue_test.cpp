@@ -6,13 +6,14 @@
 #include <regex>
 
 #include <JobQueue.h>
+#include <qrnhost/capture.h>
 #include <algorithm>
 #include <atomic>
 #include <regex>
 #include <set>
 #include <thread>
 
-#include "Capture.h"
+#include "Support.h"
 
 using Queue = NSCam::JobQueue<void(), NSCam::JQPriority(0)>;
 
@@ -30,6 +31,8 @@ bool NSCam::JobQueueStatic::lock(std::unique_lock<std::mutex>& l) {
 }
 
 namespace {
+
+namespace qt = qrnhost::testing;
 
 TEST(JobQueue, IdsAndOrderFromOneAndFromSeveralPosters) {
     Queue q("T");
@@ -94,7 +97,7 @@ TEST(JobQueue, ADestructorThatCannotLockSaysSoAndStillDrains) {
 #if defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "the marker is pushed without the lock, as designed";
 #endif
-    qrntest::Capture cap;
+    qt::Capture cap;
     std::atomic<int> ran{0};
     {
         Queue q("T");
@@ -102,7 +105,7 @@ TEST(JobQueue, ADestructorThatCannotLockSaysSoAndStillDrains) {
         gLockFails = true;
     }
     EXPECT_EQ(5, ran.load());
-    EXPECT_EQ((std::vector<std::string>{"lock mutex exception"}), cap.texts(qrntest::Sink::Android, "file_cache"));
+    EXPECT_EQ((std::vector<std::string>{"lock mutex exception"}), cap.texts(qt::Sink::Android, "file_cache"));
 }
 
 TEST(JobQueueChildTest, DestroyedFromItsOwnJobLogsTheFatalTextAndNeverReturns) {

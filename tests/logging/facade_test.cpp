@@ -7,16 +7,17 @@
 #include <string>
 #include <string_view>
 
-#include "Capture.h"
-
 #define LOG_TAG "QrnCam/CpuCtrl"
 #define QRN_LOG_MODULE ::qrncam::log::kModuleCpuCtrl
 #include <SysLog.h>
+#include <qrnhost/capture.h>
 
 namespace {
 
-using qrntest::Capture;
-using qrntest::Sink;
+namespace qt = qrnhost::testing;
+
+using qt::Capture;
+using qt::Sink;
 constexpr uint32_t kCam3 = qrncam::log::kModuleCam3CPUCtrl;
 
 // One line of each level from each of two modules with different group bits.
@@ -61,7 +62,7 @@ TEST(Facade, BothSinksGetEachLineTheAndroidLogFirst) {
     QRN_LOGW("[%s] warn", "f");
     int line = __LINE__ + 1;
     QRN_LOGE("[%s] Open File Node Error", __FUNCTION__);
-    std::vector<qrntest::Record> r = cap.records();
+    std::vector<qt::Record> r = cap.records();
     ASSERT_EQ(6u, r.size());
     const int prio[] = {ANDROID_LOG_DEBUG, ANDROID_LOG_WARN, ANDROID_LOG_ERROR};
     const int32_t level[] = {5, 2, 1};
@@ -86,7 +87,7 @@ TEST(Facade, BothSinksGetEachLineTheAndroidLogFirst) {
 TEST(Facade, UnifiedLoggerBufferIsBoundedButTheLengthIsNot) {
     Capture cap(2, 5, 0x40007000);
     for (size_t n : {1500u, 1023u, 1024u}) QRN_LOGW("%s", std::string(n, 'a').c_str());
-    std::vector<qrntest::Record> r = cap.records(Sink::ULog);
+    std::vector<qt::Record> r = cap.records(Sink::ULog);
     ASSERT_EQ(3u, r.size());
     const int64_t lengths[] = {1500, 1023, 1024};
     for (int i = 0; i < 3; ++i) {
@@ -122,7 +123,7 @@ void scoped(bool early) {
 TEST(Facade, FunctionScopeTrace) {
     Capture cap(1, 5, 0x40007000);
     scoped(false);
-    std::vector<qrntest::Record> r = cap.records();
+    std::vector<qt::Record> r = cap.records();
     ASSERT_EQ(5u, r.size());
     EXPECT_EQ(Sink::TraceBegin, r[0].sink);
     EXPECT_EQ("CpuCtrl::init", r[0].text);

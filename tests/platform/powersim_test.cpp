@@ -2,22 +2,23 @@
 #include <sys/stat.h>
 
 #include <qrnhost/PowerSim.h>
+#include <qrnhost/capture.h>
 #include <qrnhost/hidl.h>
 #include <thread>
 
-#include "Capture.h"
-
 namespace {
+
+namespace qt = qrnhost::testing;
 
 using namespace qrnhost::power;
 using namespace vendor::quarnel::hardware::power::V2_0;
 
 TEST(PowerSim, ClustersComeFromCpufreqPoliciesOrTheDefault) {
-    qrntest::TempDir dir;
+    qt::TempDir dir;
     for (auto [n, f] : {std::pair{0, "1800000"}, std::pair{4, "2400000"}, std::pair{7, "3000000"}}) {
         std::string p = dir.file("policy" + std::to_string(n));
         mkdir(p.c_str(), 0755);
-        qrntest::writeFile(p + "/cpuinfo_max_freq", std::string(f) + "\n");
+        qt::writeFile(p + "/cpuinfo_max_freq", std::string(f) + "\n");
     }
     mkdir(dir.file("policyX").c_str(), 0755);  // not a policy
     EXPECT_EQ((std::vector<int32_t>{1800000, 2400000, 3000000}), readCpufreqPolicies(dir.path()));

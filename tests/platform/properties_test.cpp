@@ -2,14 +2,15 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <qrnhost/capture.h>
 #include <qrnhost/properties.h>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "Capture.h"
-
 namespace {
+
+namespace qt = qrnhost::testing;
 
 class Properties : public ::testing::Test {
   protected:
@@ -59,9 +60,9 @@ TEST_F(Properties, ValueLimitAndClear) {
 }
 
 TEST_F(Properties, StartupFileIsLoadedBeforeTheFirstRead) {
-    qrntest::TempDir dir;
+    qt::TempDir dir;
     std::string path = dir.file("props");
-    qrntest::writeFile(path, "# camera\n\n vendor.debug.file_cache.log = 1 \nvendor.x=0x20\n");
+    qt::writeFile(path, "# camera\n\n vendor.debug.file_cache.log = 1 \nvendor.x=0x20\n");
     setenv(qrnhost::properties::kFileEnv, path.c_str(), 1);
     qrnhost::properties::reset();
     EXPECT_EQ(1, property_get_int32("vendor.debug.file_cache.log", 0));
@@ -73,8 +74,8 @@ TEST_F(Properties, StartupFileIsLoadedBeforeTheFirstRead) {
 }
 
 TEST_F(Properties, MalformedFileIsRefusedWhole) {
-    qrntest::TempDir dir;
-    qrntest::writeFile(dir.file("bad"), "a=1\nnot an assignment\nb=2\n");
+    qt::TempDir dir;
+    qt::writeFile(dir.file("bad"), "a=1\nnot an assignment\nb=2\n");
     int line = 0;
     EXPECT_EQ(-1, qrnhost::properties::loadFile(dir.file("bad"), &line));
     EXPECT_EQ(2, line);

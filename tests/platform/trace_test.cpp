@@ -3,21 +3,22 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <qrnhost/capture.h>
 #include <qrnhost/trace.h>
 #include <atomic>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "Capture.h"
-
 extern "C" void atrace_begin_body(const char* name);
 extern "C" void atrace_end_body();
 
 namespace {
 
+namespace qt = qrnhost::testing;
+
 TEST(Trace, SetupLoadsTheTagsFromTheProperty) {
-    qrntest::TempDir dir;
+    qt::TempDir dir;
     ASSERT_TRUE(qrnhost::trace::setMarkerPath(dir.file("marker")));
     property_set(qrnhost::trace::kTagsProperty, "0x400");
     qrnhost::trace::resetSetup();
@@ -61,7 +62,7 @@ TEST(Trace, ConcurrentFirstCallsSetUpOnce) {
 }
 
 TEST(Trace, SectionsReachTheObserverAndTheMarkerInDeviceForm) {
-    qrntest::TempDir dir;
+    qt::TempDir dir;
     std::string marker = dir.file("marker");
     ASSERT_TRUE(qrnhost::trace::setMarkerPath(marker));
     std::vector<qrnhost::trace::Event> events;
@@ -75,7 +76,7 @@ TEST(Trace, SectionsReachTheObserverAndTheMarkerInDeviceForm) {
     EXPECT_EQ("CpuCtrl::init", events[0].name);
     EXPECT_FALSE(events[1].begin);
     std::string pid = std::to_string(getpid());
-    EXPECT_EQ("B|" + pid + "|CpuCtrl::init\nE|" + pid + "\n", qrntest::readFile(marker));
+    EXPECT_EQ("B|" + pid + "|CpuCtrl::init\nE|" + pid + "\n", qt::readFile(marker));
 }
 
 }  // namespace

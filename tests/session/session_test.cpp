@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <qrnhost/capture.h>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -17,9 +18,11 @@
 #include <thread>
 #include <vector>
 
-#include "Capture.h"
+#include "Support.h"
 
 namespace {
+
+namespace qt = qrnhost::testing;
 
 namespace fs = std::filesystem;
 const std::vector<std::string> kSmall = {"--frames", "4", "--frame-size", "64K", "--quiet-log"};
@@ -41,7 +44,7 @@ struct SessionChildTest : ::testing::Test {
         env.push_back("TMPDIR=" + tmp.path());
         return qrntest::runChild(args, env);
     }
-    qrntest::TempDir tmp, out;
+    qt::TempDir tmp, out;
 };
 
 int exitCode(const qrntest::ChildResult& r) {
@@ -70,7 +73,7 @@ TEST_F(SessionChildTest, BadInputIsRefusedBeforeAnythingRuns) {
         if (c.fileContent == "/") {
             env.push_back("QRNCAM_PROPERTIES_FILE=" + out.path());
         } else if (!c.fileContent.empty()) {
-            qrntest::writeFile(file, c.fileContent);
+            qt::writeFile(file, c.fileContent);
             env.push_back("QRNCAM_PROPERTIES_FILE=" + file);
         }
         qrntest::ChildResult r = run(c.args, env);

@@ -27,11 +27,15 @@
 #include <thread>
 #include <vector>
 
-#include "AllocFault.h"
-#include "Capture.h"
+#include <qrnhost/allocfault.h>
+#include <qrnhost/capture.h>
 #include "FileCacheInternal.h"
 
+#include "Support.h"
+
 namespace {
+
+namespace qt = qrnhost::testing;
 
 using android::sp;
 using NSCam::IFileCache;
@@ -77,7 +81,7 @@ struct QuietFileCache : ::testing::Test {
         drain();
         __android_log_set_logger(&__android_log_stderr_logger);
     }
-    qrntest::TempDir mDir;
+    qt::TempDir mDir;
     uint64_t mStart = 0;
 };
 
@@ -132,7 +136,7 @@ TEST_F(QuietFileCache, RacingWritersAgainstASmallBudgetKeepEveryFileWhole) {
     for (size_t id = 0; id < expected.size(); ++id) {
         std::string whole;
         for (const std::string& b : expected[id]) whole += b, ++blocks;
-        ASSERT_TRUE(whole == qrntest::readFile(mDir.file(std::to_string(id)))) << "file " << id;
+        ASSERT_TRUE(whole == qt::readFile(mDir.file(std::to_string(id)))) << "file " << id;
         bytes += whole.size();
     }
     printf("racing writers: %zu caches, %llu blocks and %llu bytes verified, %ld writes refused by the budget\n",
@@ -144,7 +148,7 @@ TEST_F(QuietFileCache, RacingWritersAgainstASmallBudgetKeepEveryFileWhole) {
 // threads at once: each call fails cleanly, no lock stays held, each file
 // holds what was accepted, and only failed blocks keep their charge.
 TEST_F(QuietFileCache, AllocationFailuresOnRacingThreads) {
-    if (!qrntest::AllocFault::available()) GTEST_SKIP() << "operator new cannot be made to fail here";
+    if (!qt::AllocFault::available()) GTEST_SKIP() << "operator new cannot be made to fail here";
     constexpr int kThreads = 4;
     const int rounds = 3 * scale();
     std::atomic<uint64_t> kept{0};
@@ -156,7 +160,7 @@ TEST_F(QuietFileCache, AllocationFailuresOnRacingThreads) {
             for (int r = 0; r < rounds; ++r) {
                 for (long n = 1;; ++n) {
                     const std::string name = mDir.file(std::to_string(t) + "-" + std::to_string(n));
-                    qrntest::AllocFault fault(n);
+                    qt::AllocFault fault(n);
                     sp<IFileCache> fc = IFileCache::open(name.c_str());
                     const int w1 = fc != nullptr ? fc->write(a.data(), 3000) : 0;
                     const int w2 = fc != nullptr ? fc->write(b.data(), 5000) : 0;
@@ -256,7 +260,7 @@ TEST(StressChild, ServiceChurn) {
 // process; in it, controllers are constructed on eight threads at once and
 // must all agree on whether perf locks are there.
 TEST(Stress, PerfLockLibraryPresentPartialOrAbsentUnderConcurrentConstruction) {
-    qrntest::TempDir empty;
+    qt::TempDir empty;
     const std::pair<std::string, const char*> variants[] = {
         {QRN_PERF_DIR, "1"}, {QRN_PERF_NOREL_DIR, "0"}, {QRN_PERF_NOACQ_DIR, "0"}, {empty.path(), "0"}};
     for (const auto& [dir, present] : variants) {

@@ -3,9 +3,8 @@
 #include <MemoryInfo.h>
 #include <gtest/gtest.h>
 
+#include <qrnhost/capture.h>
 #include <qrnhost/kernelfs.h>
-
-#include "Capture.h"
 
 static int gCalls = 0;
 
@@ -17,8 +16,8 @@ int64_t NSCam::NSMemoryInfo::getSystemTotalMemorySize() {
 TEST(Interposed, LowRamIsJudgedFromTheReplacement) {
     using namespace NSCam::NSMemoryInfo;
     // What the library's own copy would read: 1 kB, low-RAM at any size.
-    qrntest::TempDir dir;
-    qrntest::writeFile(dir.file("meminfo"), "MemFree: 1 kB\nBuffers: 1 kB\nCached: 1 kB\nMemTotal: 1 kB\n");
+    qrnhost::testing::TempDir dir;
+    qrnhost::testing::writeFile(dir.file("meminfo"), "MemFree: 1 kB\nBuffers: 1 kB\nCached: 1 kB\nMemTotal: 1 kB\n");
     qrnhost::kernelfs::redirect("/proc/meminfo", dir.file("meminfo"));
     EXPECT_EQ(3 * 1024, getFreeMemorySize());  // the redirection is in effect
     EXPECT_FALSE(isLowRamDevice(4.0f));

@@ -7,6 +7,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <qrnhost/capture.h>
 #include <qrnhost/kernelfs.h>
 #include <filesystem>
 #include <iterator>
@@ -15,9 +16,9 @@
 #include <string>
 #include <tuple>
 
-#include "Capture.h"
-
 namespace {
+
+namespace qt = qrnhost::testing;
 
 using namespace NSCam::NSMemoryInfo;
 using namespace NSCam::NSThermalInfo;
@@ -31,11 +32,11 @@ struct SysInfo : ::testing::Test {
     // Puts content behind the fixed path (an absent file for nullptr); returns the file's real path.
     std::string place(const char* fixedPath, const char* content) {
         std::string p = mDir.file(content ? std::to_string(mNext++) : "absent/node");
-        if (content) qrntest::writeFile(p, content);
+        if (content) qt::writeFile(p, content);
         qrnhost::kernelfs::redirect(fixedPath, p);
         return p;
     }
-    qrntest::TempDir mDir;
+    qt::TempDir mDir;
     int mNext = 0;
 };
 
@@ -104,11 +105,11 @@ TEST_F(SysInfo, ThermalValueIsTheFirstTokenAsADecimalInt) {
 }
 
 TEST_F(SysInfo, ThermalModeIsOneByteWrittenAfterOpeningTheNode) {
-    qrntest::Capture cap(3, 5, 0x40007000);
+    qt::Capture cap(3, 5, 0x40007000);
     for (auto [mode, result, left] : {std::tuple{0, 0, "0"}, {1, 0, "1"}, {2, -22, ""}, {-1, -22, ""}}) {
         std::string file = place(kModeNode, "previous content\n");
         EXPECT_EQ(result, setThermalMode(mode)) << mode;
-        EXPECT_EQ(left, qrntest::readFile(file)) << mode;  // an invalid mode still truncates
+        EXPECT_EQ(left, qt::readFile(file)) << mode;  // an invalid mode still truncates
     }
     EXPECT_TRUE(cap.records().empty());  // no mode is logged, valid or not
 
@@ -117,7 +118,7 @@ TEST_F(SysInfo, ThermalModeIsOneByteWrittenAfterOpeningTheNode) {
     EXPECT_EQ(-2, getSystemThermalValue());
     EXPECT_EQ(-2, setThermalMode(7));  // the open is tried before the mode
     std::vector<std::string> errors;
-    for (const auto& r : cap.records(qrntest::Sink::Android))
+    for (const auto& r : cap.records(qt::Sink::Android))
         if (r.priority == ANDROID_LOG_ERROR && r.tag == "ThermalInfo") errors.push_back(r.text);
     ASSERT_EQ(2u, errors.size());
     EXPECT_THAT(errors[0],

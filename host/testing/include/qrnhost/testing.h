@@ -48,6 +48,13 @@
 //    or qrnhost::kernelfs (kernelfs.h) and the QRNCAM_KERNEL_ROOT variable.
 //  - qrnhost::hidl (hidl.h): the HIDL runtime underneath, for services other
 //    than the power service.
+//  - Capture (capture.h): every log line of both sinks and every trace
+//    section the code writes, in order; TempDir, readFile, writeFile.
+//  - Transcript (transcript.h): a scenario's log lines, trace sections,
+//    service and perf-lock calls and files as text, compared with a
+//    transcript file that a person wrote and reviewed.
+//  - AllocFault (allocfault.h, a library of its own): the nth allocation of
+//    a thread fails.
 #pragma once
 
 #include <cutils/properties.h>
@@ -56,6 +63,7 @@
 #include <qrnhost/hidl.h>
 #include <qrnhost/kernelfs.h>
 #include <qrnhost/properties.h>
+#include <qrnhost/transcript.h>
 #include <chrono>
 #include <string>
 #include <vector>
@@ -126,10 +134,10 @@ class KernelNodes {
     // The file standing for fixedPath as it is now, or "" when there is
     // none. For a node the library writes, set() it (to "") first.
     std::string contents(const std::string& fixedPath) const;
-    const std::string& root() const { return mRoot; }
+    const std::string& root() const { return mDir.path(); }
 
   private:
-    std::string mRoot;
+    TempDir mDir;
     std::vector<std::string> mRedirected;
 };
 

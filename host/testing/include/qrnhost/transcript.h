@@ -1,6 +1,5 @@
-// A scenario's whole observable output as text, compared with a transcript
-// kept beside the tests (tests/<area>/golden/<name>.txt). The output, in the
-// order it happened:
+// A scenario's whole observable output as text, to compare with a transcript
+// file kept beside the tests. The output, in the order it happened:
 //   D QrnCam/CpuCtrl: [init] +           Android log: level letter, tag, text
 //   u5 QrnCam/CpuCtrl[0x40007001]: ...    unified logger: level, tag, module
 //                                         (and "(length N)" when the length
@@ -11,13 +10,17 @@
 //   file NAME: N bytes "content"          a file the scenario left
 //   == text                               the scenario's own step marker
 // The source line in an ERROR line's suffix shows as {#L:path}: it moves
-// with every edit of the file, and the facade's test checks the number.
+// with every edit of the file.
+//
+//   qrnhost::testing::Capture cap;
+//   qrnhost::testing::Transcript t(cap, sim);
+//   qrnhost::testing::Steps run{t};
+//   run("init", [&] { return ctrl->init(); });
+//   const std::string diff = t.compare("golden/init.txt", "out/init.txt");
+//   EXPECT_TRUE(diff.empty()) << diff;
 //
 // A transcript file is data, written and reviewed line by line; lines
-// starting with '#' are comments. A mismatch fails the test and writes the
-// actual transcript under the build's transcripts/ directory, where
-// tools/transcripts.sh shows the differences; nothing ever updates the
-// golden file but an edit of it.
+// starting with '#' are comments. Nothing here ever writes the golden file.
 #pragma once
 
 #include <functional>
@@ -26,16 +29,15 @@
 #include <vector>
 
 #include <qrnhost/PowerSim.h>
+#include <qrnhost/capture.h>
 
-#include "Capture.h"
-
-namespace qrntest {
+namespace qrnhost::testing {
 
 class Transcript {
   public:
     // Records what cap captures, the calls of sim (may be null) and those of
     // the simulated perf-lock library.
-    Transcript(Capture& cap, const android::sp<qrnhost::power::SimPowerService>& sim);
+    Transcript(Capture& cap, const android::sp<power::SimPowerService>& sim);
     ~Transcript();
     Transcript(const Transcript&) = delete;
     Transcript& operator=(const Transcript&) = delete;
@@ -46,20 +48,22 @@ class Transcript {
     void note(const std::string& line);
     // Follows the calls of another simulator from now on (a service that was
     // registered again).
-    void replaceSim(const android::sp<qrnhost::power::SimPowerService>& sim);
+    void replaceSim(const android::sp<power::SimPowerService>& sim);
     // Lists the regular files of dir, by name, with their sizes and contents.
     void files(const std::string& dir);
     // Text that varies between runs (a temporary directory) and its stand-in.
     void replace(const std::string& text, const std::string& by);
 
     std::vector<std::string> lines() const;
-    // Compares with goldenDir/name.txt; on a difference, adds a failure that
-    // shows the first differing lines and where the actual transcript went.
-    void check(const std::string& goldenDir, const std::string& name) const;
+    // Compares the lines with the transcript file golden. Returns "" when
+    // they agree (and removes a stale actualFile). Otherwise writes the
+    // actual transcript to actualFile, unless that is "", and returns the
+    // first differing lines.
+    std::string compare(const std::string& golden, const std::string& actualFile) const;
 
   private:
     Capture& mCap;
-    android::sp<qrnhost::power::SimPowerService> mSim;
+    android::sp<power::SimPowerService> mSim;
     std::vector<std::pair<std::string, std::string>> mReplace;
 };
 
@@ -72,7 +76,4 @@ struct Steps {
     }
 };
 
-}  // namespace qrntest
-
-// Tests of each area keep their transcripts in its golden/ directory.
-#define QRN_CHECK_TRANSCRIPT(transcript, name) (transcript).check(QRNCAM_GOLDEN_DIR, name)
+}  // namespace qrnhost::testing

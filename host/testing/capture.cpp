@@ -1,21 +1,18 @@
-#include "Capture.h"
-
 #include <android/log.h>
-#include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cutils/properties.h>
+#include <qrnhost/capture.h>
 #include <qrnhost/trace.h>
 #include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 
-namespace qrntest {
+namespace qrnhost::testing {
 
 namespace {
 std::atomic<Capture*> gCurrent{nullptr};
@@ -134,60 +131,18 @@ void Capture::note(std::string text) {
     add(std::move(r));
 }
 
-Capture* Capture::current() {
-    return gCurrent.load();
-}
-
-ChildResult runChild(const std::vector<std::string>& argv, const std::vector<std::string>& env) {
-    ChildResult res;
-    int fds[2];
-    if (pipe(fds) != 0) return res;
-    pid_t pid = fork();
-    if (pid == 0) {
-        dup2(fds[1], 1);
-        dup2(fds[1], 2);
-        close(fds[0]);
-        close(fds[1]);
-        for (auto& e : env) putenv(strdup(e.c_str()));
-        std::vector<char*> args;
-        for (auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-        args.push_back(nullptr);
-        execv(args[0], args.data());
-        _exit(127);
-    }
-    close(fds[1]);
-    char buf[4096];
-    ssize_t n;
-    while ((n = read(fds[0], buf, sizeof buf)) > 0) res.output.append(buf, static_cast<size_t>(n));
-    close(fds[0]);
-    waitpid(pid, &res.status, 0);
-    return res;
-}
-
-std::string exitDumpProblem(const std::string& child) {
-    TempDir dir;
-    ChildResult r = runChild({child, "dump", dir.path()});
-    if (!WIFEXITED(r.status) || WEXITSTATUS(r.status) != 0) return "the child failed: " + r.output;
-    for (int c = 0; c < 5; ++c) {
-        std::string expected;
-        for (int b = 0; b < 4; ++b) expected += std::string(300000, static_cast<char>('A' + c * 4 + b));
-        if (expected != readFile(dir.file("dump" + std::to_string(c) + ".bin")))
-            return "dump" + std::to_string(c) + ".bin is not whole";
-    }
-    return "";
-}
-
 TempDir::TempDir() {
     const char* base = getenv("TMPDIR");
     std::string tmpl = std::string(base && *base ? base : "/tmp") + "/qrncam-test-XXXXXX";
     std::vector<char> buf(tmpl.begin(), tmpl.end());
     buf.push_back('\0');
-    if (mkdtemp(buf.data())) mPath = buf.data();
+    if (mkdtemp(buf.data()) == nullptr) abort();
+    mPath = buf.data();
 }
 
 TempDir::~TempDir() {
     std::error_code ec;
-    if (!mPath.empty()) std::filesystem::remove_all(mPath, ec);
+    std::filesystem::remove_all(mPath, ec);
 }
 
 std::string readFile(const std::string& path) {
@@ -202,4 +157,4 @@ void writeFile(const std::string& path, const std::string& content) {
     out << content;
 }
 
-}  // namespace qrntest
+}  // namespace qrnhost::testing

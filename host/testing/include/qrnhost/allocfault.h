@@ -1,12 +1,15 @@
-// Allocation failures on demand, for the tests that prove the library fails
-// cleanly when memory runs out. Linked into a test binary (not the support
-// library) because it replaces the global operator new and delete, and wraps
-// malloc and calloc of the objects linked with -Wl,--wrap=malloc,--wrap=calloc.
+// Allocation failures on demand, for tests that prove code fails cleanly when
+// memory runs out. Link qrncam_sysutils::allocfault, a static library: it
+// must go into the test program itself, because it replaces the global
+// operator new and delete (for every library of the process), and it wraps
+// malloc and calloc of the program's own objects (-Wl,--wrap=malloc,
+// --wrap=calloc, which linking it adds). Calls to malloc from shared
+// libraries are not wrapped; link code under test statically to reach them.
 #pragma once
 
 #include <stddef.h>
 
-namespace qrntest {
+namespace qrnhost::testing {
 
 // While alive, the nth allocation that this thread makes (counting every
 // operator new, and malloc and calloc of the wrapped objects) fails: new
@@ -32,4 +35,4 @@ class AllocFault {
     static bool available();
 };
 
-}  // namespace qrntest
+}  // namespace qrnhost::testing

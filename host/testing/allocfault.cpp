@@ -1,8 +1,6 @@
-#include "AllocFault.h"
-
 #include <stdlib.h>
-#include <string.h>
 
+#include <qrnhost/allocfault.h>
 #include <new>
 
 extern "C" void* __real_malloc(size_t size);
@@ -87,7 +85,7 @@ QRN_REPLACED void operator delete[](void* p, const std::nothrow_t&) noexcept {
     free(p);
 }
 
-namespace qrntest {
+namespace qrnhost::testing {
 
 AllocFault::AllocFault(long nth) {
     tCount = 0;
@@ -122,4 +120,4 @@ bool AllocFault::available() {
     return false;
 }
 
-}  // namespace qrntest
+}  // namespace qrnhost::testing

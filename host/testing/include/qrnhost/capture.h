@@ -1,7 +1,14 @@
-// Test helpers that see what the library writes: Android log lines (through
+// What camera code writes, as a test sees it: Android log lines (through
 // liblog's logger hook), unified-logger lines (through a capturing logger in
 // sULogger) and trace sections (through the host trace observer), all in one
-// ordered record so that tests can check the order across sinks.
+// ordered record, so that a test can check the order across sinks.
+//
+//   qrnhost::testing::Capture cap;           // both sinks, DEBUG and up
+//   ... run the camera code ...
+//   EXPECT_TRUE(cap.hasAndroid(ANDROID_LOG_WARN, "Cam3CPUCtrl_util", "..."));
+//
+// Link qrncam_sysutils::capture (or the whole harness, which includes it).
+// Only one Capture should be alive at a time: the newest receives the lines.
 #pragma once
 
 #include <stdint.h>
@@ -11,7 +18,7 @@
 #include <string>
 #include <vector>
 
-namespace qrntest {
+namespace qrnhost::testing {
 
 enum class Sink { Android, ULog, TraceBegin, TraceEnd, Note };
 
@@ -28,12 +35,16 @@ struct Record {
 };
 
 // Captures everything from construction to destruction. Sets the unified
-// logger's controls to the values given (and restores the old ones after);
-// installs itself as sULogger.
+// logger's controls to the values given (output mode, details level, module
+// mask; the defaults open both sinks to every module's DEBUG lines) and
+// restores the old ones after; installs itself as sULogger. cameraTrace sets
+// the trace tags property to the camera tag alone, or to none.
 class Capture : public NSCam::Utils::ULog::ULogger {
   public:
     explicit Capture(uint32_t mode = 3, uint32_t detailsLevel = 5, uint32_t mask = 0x40107000, bool cameraTrace = true);
     ~Capture() override;
+    Capture(const Capture&) = delete;
+    Capture& operator=(const Capture&) = delete;
 
     void logNormal(uint32_t moduleId, const char* tag, int32_t level, const char* text, int64_t length) override;
 
@@ -50,37 +61,24 @@ class Capture : public NSCam::Utils::ULog::ULogger {
     // its place among the captured records.
     void note(std::string text);
 
-    static Capture* current();
-
   private:
     friend struct CaptureHooks;
     void add(Record r);
 
     mutable std::mutex mLock;
-    std::vector<Record> mRecords;
+    std::vector<Record> mRecords;  // Guarded by mLock
     uint32_t mSavedMode, mSavedLevel, mSavedMask;
     ULogger* mSavedLogger;
 };
 
-// Runs argv in a child, returns its exit status (as from waitpid) and its
-// combined standard output and error.
-struct ChildResult {
-    int status = 0;
-    std::string output;
-};
-ChildResult runChild(const std::vector<std::string>& argv, const std::vector<std::string>& env = {});
-
-// Runs the file cache's helper program (child) as "dump DIR" in a fresh
-// directory: it exits with five caches' flushes still queued. Returns ""
-// when it exited 0 and every dump file holds all its blocks, else what went
-// wrong.
-std::string exitDumpProblem(const std::string& child);
-
-// A fresh directory under TMPDIR, removed with its contents on destruction.
+// A fresh directory under TMPDIR (or /tmp), removed with its contents on
+// destruction. Aborts if none can be made: a test cannot go on without it.
 class TempDir {
   public:
     TempDir();
     ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
     const std::string& path() const { return mPath; }
     std::string file(const std::string& name) const { return mPath + "/" + name; }
 
@@ -88,7 +86,9 @@ class TempDir {
     std::string mPath;
 };
 
+// A whole file's bytes ("" when it cannot be read), and a file replaced by
+// content.
 std::string readFile(const std::string& path);
 void writeFile(const std::string& path, const std::string& content);
 
-}  // namespace qrntest
+}  // namespace qrnhost::testing

@@ -1,0 +1,49 @@
+#include "Support.h"
+
+#include <stdlib.h>
+#include <string.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace qrntest {
+
+ChildResult runChild(const std::vector<std::string>& argv, const std::vector<std::string>& env) {
+    ChildResult res;
+    int fds[2];
+    if (pipe(fds) != 0) return res;
+    pid_t pid = fork();
+    if (pid == 0) {
+        dup2(fds[1], 1);
+        dup2(fds[1], 2);
+        close(fds[0]);
+        close(fds[1]);
+        for (auto& e : env) putenv(strdup(e.c_str()));
+        std::vector<char*> args;
+        for (auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+        args.push_back(nullptr);
+        execv(args[0], args.data());
+        _exit(127);
+    }
+    close(fds[1]);
+    char buf[4096];
+    ssize_t n;
+    while ((n = read(fds[0], buf, sizeof buf)) > 0) res.output.append(buf, static_cast<size_t>(n));
+    close(fds[0]);
+    waitpid(pid, &res.status, 0);
+    return res;
+}
+
+std::string exitDumpProblem(const std::string& child) {
+    qrnhost::testing::TempDir dir;
+    ChildResult r = runChild({child, "dump", dir.path()});
+    if (!WIFEXITED(r.status) || WEXITSTATUS(r.status) != 0) return "the child failed: " + r.output;
+    for (int c = 0; c < 5; ++c) {
+        std::string expected;
+        for (int b = 0; b < 4; ++b) expected += std::string(300000, static_cast<char>('A' + c * 4 + b));
+        if (expected != qrnhost::testing::readFile(dir.file("dump" + std::to_string(c) + ".bin")))
+            return "dump" + std::to_string(c) + ".bin is not whole";
+    }
+    return "";
+}
+
+}  // namespace qrntest

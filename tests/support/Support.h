@@ -1,0 +1,38 @@
+// What the tests share beyond the harness (qrnhost/testing.h): children run
+// and watched, the file cache's exit drain, and the transcripts kept beside
+// each area's tests.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <qrnhost/capture.h>
+#include <string>
+#include <vector>
+
+namespace qrntest {
+
+// Runs argv in a child, returns its exit status (as from waitpid) and its
+// combined standard output and error.
+struct ChildResult {
+    int status = 0;
+    std::string output;
+};
+ChildResult runChild(const std::vector<std::string>& argv, const std::vector<std::string>& env = {});
+
+// Runs the file cache's helper program (child) as "dump DIR" in a fresh
+// directory: it exits with five caches' flushes still queued. Returns ""
+// when it exited 0 and every dump file holds all its blocks, else what went
+// wrong.
+std::string exitDumpProblem(const std::string& child);
+
+}  // namespace qrntest
+
+// Compares a transcript with golden/NAME.txt of the test's area. A
+// difference fails the test and leaves the actual transcript under the
+// build's transcripts/ directory, where tools/transcripts.sh shows it.
+#define QRN_CHECK_TRANSCRIPT(transcript, name)                                                              \
+    do {                                                                                                    \
+        const std::string qrnDiff =                                                                         \
+            (transcript).compare(QRNCAM_GOLDEN_DIR "/" name ".txt", QRNCAM_TRANSCRIPT_OUT "/" name ".txt"); \
+        if (!qrnDiff.empty()) ADD_FAILURE() << qrnDiff << "(tools/transcripts.sh shows every difference)";  \
+    } while (0)
