@@ -64,7 +64,9 @@ void KernelNodes::set(const std::string& fixedPath, const std::string& contents)
 void KernelNodes::remove(const std::string& fixedPath) {
     std::error_code ec;
     std::filesystem::remove(root() + fixedPath, ec);
-    kernelfs::redirect(fixedPath, root() + fixedPath);
+    // Below a directory that is never made, so that a node the code writes
+    // cannot be created by opening it either.
+    kernelfs::redirect(fixedPath, root() + "/.missing" + fixedPath);
     mRedirected.push_back(fixedPath);
 }
 

@@ -7,14 +7,15 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <qrnhost/capture.h>
-#include <qrnhost/kernelfs.h>
+#include <qrnhost/testing.h>
 #include <filesystem>
 #include <iterator>
 #include <limits>
 #include <stdexcept>
 #include <string>
 #include <tuple>
+
+#include "Support.h"
 
 namespace {
 
@@ -28,16 +29,7 @@ constexpr const char* kValueNode = "/proc/qrntz/qrntsAP";
 constexpr const char* kModeNode = "/proc/driver/cl_apu_status";
 
 struct SysInfo : ::testing::Test {
-    void TearDown() override { qrnhost::kernelfs::reset(); }
-    // Puts content behind the fixed path (an absent file for nullptr); returns the file's real path.
-    std::string place(const char* fixedPath, const char* content) {
-        std::string p = mDir.file(content ? std::to_string(mNext++) : "absent/node");
-        if (content) qt::writeFile(p, content);
-        qrnhost::kernelfs::redirect(fixedPath, p);
-        return p;
-    }
-    qt::TempDir mDir;
-    int mNext = 0;
+    qt::KernelNodes nodes;
 };
 
 // A real file's layout, with the lines around the keys that a loose match
@@ -64,7 +56,7 @@ TEST_F(SysInfo, MeminfoContents) {
         {"32-bit sum", meminfo("2147483647", "1", "0"), -2147483648LL * 1024, 4050944000},
     };
     for (const auto& [what, content, free, total] : cases) {
-        place(kMeminfo, content.c_str());  // a new file each time: nothing may be cached
+        nodes.set(kMeminfo, content);  // rewritten each time: nothing may be cached
         EXPECT_EQ(free, getFreeMemorySize()) << what;
         EXPECT_EQ(total, getSystemTotalMemorySize()) << what;
     }
@@ -72,22 +64,22 @@ TEST_F(SysInfo, MeminfoContents) {
 
 TEST_F(SysInfo, LowRamDevice) {
     // Unreadable: both sizes -1, which counts as low-RAM at every positive threshold.
-    place(kMeminfo, nullptr);
+    nodes.remove(kMeminfo);
     EXPECT_EQ(-1, getFreeMemorySize());
     EXPECT_EQ(-1, getSystemTotalMemorySize());
     for (float t : {std::numeric_limits<float>::denorm_min(), 0.5f, 1e30f}) EXPECT_TRUE(isLowRamDevice(t)) << t;
 
-    place(kMeminfo, meminfo("1", "1", "1").c_str());  // about 3.77 GiB
+    nodes.set(kMeminfo, meminfo("1", "1", "1"));  // about 3.77 GiB
     EXPECT_TRUE(isLowRamDevice(4.0f));
-    place(kMeminfo, meminfo("1", "1", "1", "4194304").c_str());  // exactly 4 GiB is not below 4
+    nodes.set(kMeminfo, meminfo("1", "1", "1", "4194304"));  // exactly 4 GiB is not below 4
     EXPECT_FALSE(isLowRamDevice(4.0f));
-    place(kMeminfo, meminfo("1", "1", "1", "33554431").c_str());  // single precision rounds this up to 32 GiB
+    nodes.set(kMeminfo, meminfo("1", "1", "1", "33554431"));  // single precision rounds this up to 32 GiB
     EXPECT_FALSE(isLowRamDevice(32.0f));
 }
 
 TEST_F(SysInfo, ThermalValueIsTheFirstTokenAsADecimalInt) {
     for (auto [content, value] : {std::pair{"452\n", 452}, {"  -5 and further words\n", -5}, {"0x1A\n", 0}}) {
-        place(kValueNode, content);
+        nodes.set(kValueNode, content);
         EXPECT_EQ(value, getSystemThermalValue()) << '"' << content << '"';
     }
     // A node without a number, or one beyond int, is the caller's to handle:
@@ -96,37 +88,30 @@ TEST_F(SysInfo, ThermalValueIsTheFirstTokenAsADecimalInt) {
     auto openDescriptors = [] { return std::distance(fs::directory_iterator("/proc/self/fd"), {}); };
     const auto before = openDescriptors();
     for (const char* content : {"", "abc\n"}) {
-        place(kValueNode, content);
+        nodes.set(kValueNode, content);
         EXPECT_THROW(getSystemThermalValue(), std::invalid_argument) << '"' << content << '"';
     }
-    place(kValueNode, "99999999999\n");
+    nodes.set(kValueNode, "99999999999\n");
     EXPECT_THROW(getSystemThermalValue(), std::out_of_range);
     EXPECT_EQ(before, openDescriptors());
 }
 
-TEST_F(SysInfo, ThermalModeIsOneByteWrittenAfterOpeningTheNode) {
-    qt::Capture cap(3, 5, 0x40007000);
-    for (auto [mode, result, left] : {std::tuple{0, 0, "0"}, {1, 0, "1"}, {2, -22, ""}, {-1, -22, ""}}) {
-        std::string file = place(kModeNode, "previous content\n");
-        EXPECT_EQ(result, setThermalMode(mode)) << mode;
-        EXPECT_EQ(left, qt::readFile(file)) << mode;  // an invalid mode still truncates
+TEST_F(SysInfo, ThermalModeTranscript) {
+    qt::Capture cap;
+    qt::Transcript t(cap, nullptr);
+    for (int mode : {0, 1, 2, -1}) {
+        nodes.set(kModeNode, "previous content\n");
+        t.step("setThermalMode(" + std::to_string(mode) + ")");
+        const int result = setThermalMode(mode);
+        t.note("-> " + std::to_string(result) + ", the node holds \"" + nodes.contents(kModeNode) + "\"");
     }
-    EXPECT_TRUE(cap.records().empty());  // no mode is logged, valid or not
-
-    place(kValueNode, nullptr);
-    place(kModeNode, nullptr);
-    EXPECT_EQ(-2, getSystemThermalValue());
-    EXPECT_EQ(-2, setThermalMode(7));  // the open is tried before the mode
-    std::vector<std::string> errors;
-    for (const auto& r : cap.records(qt::Sink::Android))
-        if (r.priority == ANDROID_LOG_ERROR && r.tag == "ThermalInfo") errors.push_back(r.text);
-    ASSERT_EQ(2u, errors.size());
-    EXPECT_THAT(errors[0],
-                ::testing::MatchesRegex("\\[getSystemThermalValue\\] Open File Node Error "
-                                        "\\(getSystemThermalValue\\)\\{#[0-9]+:utils/sys/ThermalInfo.cpp\\}"));
-    EXPECT_THAT(errors[1],
-                ::testing::MatchesRegex("\\[setThermalMode\\] Open File Node\\(/proc/driver/cl_apu_status\\) "
-                                        "Error \\(setThermalMode\\)\\{#[0-9]+:utils/sys/ThermalInfo.cpp\\}"));
+    nodes.remove(kValueNode);
+    nodes.remove(kModeNode);
+    t.step("getSystemThermalValue() without its node");
+    t.note("-> " + std::to_string(getSystemThermalValue()));
+    t.step("setThermalMode(7) without its node");
+    t.note("-> " + std::to_string(setThermalMode(7)));
+    QRN_CHECK_TRANSCRIPT(t, "thermal");
 }
 
 int gListenerCalls = 0, gDestroyed = 0;

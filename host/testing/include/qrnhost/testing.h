@@ -129,7 +129,7 @@ class KernelNodes {
 
     // Makes fixedPath (e.g. "/proc/meminfo") read contents.
     void set(const std::string& fixedPath, const std::string& contents);
-    // Makes fixedPath a node that cannot be opened.
+    // Makes fixedPath a node that cannot be opened, for reading or writing.
     void remove(const std::string& fixedPath);
     // The file standing for fixedPath as it is now, or "" when there is
     // none. For a node the library writes, set() it (to "") first.
