@@ -1,11 +1,15 @@
-// The test harness of qrnhost/testing.h: quiet withdrawal, linkToDeath
-// faults, per-service waiting for death notices, transport failures that keep
-// their message, and the kernel-node stand-ins.
+// The HIDL runtime and the test harness of qrnhost/testing.h: call results
+// and their rules, the registry, death notices, quiet withdrawal, linkToDeath
+// faults, per-service waiting for death notices, transport failures that
+// keep their message, and the kernel-node stand-ins.
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <qrnhost/testing.h>
 #include <atomic>
 #include <filesystem>
+#include <fstream>
 #include <future>
 
 namespace {
@@ -21,17 +25,25 @@ using qrnhost::power::Op;
 using qrnhost::power::SimPowerService;
 using vendor::quarnel::hardware::power::V2_0::IPower;
 
-// Counts its notices; optionally holds the runtime thread in the first one
-// until the test opens the gate.
+// Counts its notices and keeps the last one's cookie, service and thread;
+// optionally holds the runtime thread in the first one until the test opens
+// the gate.
 struct Recipient : hidl_death_recipient {
-    std::atomic<int> calls{0};
+    std::atomic<int> calls{0}, tid{0};
+    std::atomic<uint64_t> cookie{0};
+    wp<IBase> who;
+    std::atomic<bool>* destroyed = nullptr;
     std::promise<void> entered, open;
     bool hold = false;
-    void serviceDied(uint64_t, const wp<IBase>&) override {
+    void serviceDied(uint64_t c, const wp<IBase>& w) override {
+        cookie = c, who = w, tid = static_cast<int>(syscall(SYS_gettid));
         if (calls++ == 0 && hold) {
             entered.set_value();
             open.get_future().wait();
         }
+    }
+    ~Recipient() override {
+        if (destroyed) *destroyed = true;
     }
 };
 
@@ -51,7 +63,17 @@ class Harness : public ::testing::Test {
     void TearDown() override { qt::reset(); }
 };
 
-TEST_F(Harness, StatusDescriptionsReadAsOnTheDevice) {
+TEST_F(Harness, CallResultsAndStatusesReadAsOnTheDevice) {
+    Return<int32_t> ok(5), failed(qt::deadObject());
+    EXPECT_EQ(5, static_cast<int32_t>(ok));
+    EXPECT_TRUE(!failed.isOk() && failed.isDeadObject());
+    EXPECT_EQ(7, failed.withDefault(7));
+    // Moving a checked failure carries the checked state along (no abort).
+    Return<void> v = Status::fromExceptionCode(Status::EX_ILLEGAL_ARGUMENT, "bad");
+    EXPECT_FALSE(v.isOk());
+    Return<void> moved = std::move(v);
+    EXPECT_EQ("Status(EX_ILLEGAL_ARGUMENT): 'bad'", moved.description());
+
     struct Case {
         Status status;
         const char* text;
@@ -207,13 +229,84 @@ TEST_F(Harness, KernelNodesStandInForTheFixedPathsAndGoAway) {
         EXPECT_EQ(root + "/proc/meminfo", file);
         EXPECT_EQ("MemTotal: 2048 kB\n", nodes.contents("/proc/meminfo"));
         nodes.remove("/proc/meminfo");
-        EXPECT_EQ(file, qrnhost::kernelfs::resolve("/proc/meminfo"));
         EXPECT_FALSE(std::filesystem::exists(file));
+        EXPECT_FALSE(std::ofstream(qrnhost::kernelfs::resolve("/proc/meminfo")).is_open());
+        EXPECT_EQ("", nodes.contents("/proc/meminfo"));
         EXPECT_EQ(root + "/proc/driver/cl_apu_status", qrnhost::kernelfs::resolve("/proc/driver/cl_apu_status"));
     }
     EXPECT_EQ("/proc/meminfo", qrnhost::kernelfs::resolve("/proc/meminfo"));
     EXPECT_EQ("/proc/driver/cl_apu_status", qrnhost::kernelfs::resolve("/proc/driver/cl_apu_status"));
     EXPECT_FALSE(std::filesystem::exists(root));
+}
+
+TEST(HidlDeathTest, AFailedCallEndsTheProcessWhenItsValueIsReadOrItGoesUnchecked) {
+    EXPECT_DEATH((void)static_cast<int32_t>(Return<int32_t>(Status::fromStatusT(::android::FAILED_TRANSACTION))),
+                 "Attempted to retrieve value from failed HIDL call: Status\\(EX_TRANSACTION_FAILED\\): "
+                 "'FAILED_TRANSACTION: '");
+    EXPECT_DEATH({ Return<void> r(qt::deadObject()); }, "Failed HIDL return status not checked");
+    Return<void> r(qt::deadObject());
+    EXPECT_FALSE(r.isOk());  // checked first: no abort
+}
+
+TEST_F(Harness, RegistryFindsAndLosesServices) {
+    EXPECT_EQ(nullptr, IPower::getService("default", false));
+    sp<SimPowerService> sim = qt::startPowerService();
+    sp<IPower> proxy = IPower::getService("default", false);
+    ASSERT_NE(nullptr, proxy);
+    EXPECT_TRUE(proxy->isRemote());
+    EXPECT_EQ(nullptr, IPower::getService("other", false));
+    // getStub asks for the implementation itself.
+    EXPECT_EQ(static_cast<IPower*>(sim.get()), IPower::getService("default", true).get());
+
+    int32_t h = proxy->registerScenario();
+    EXPECT_TRUE(qt::kill(qt::powerService()));
+    EXPECT_FALSE(qt::kill(qt::powerService()));
+    EXPECT_EQ(nullptr, IPower::getService("default", false));
+    EXPECT_TRUE(proxy->registerScenario().isDeadObject());
+    EXPECT_FALSE(proxy->disableScenario(h).isOk());
+    // Nothing reached the dead service.
+    EXPECT_EQ(1u, sim->calls(Op::RegisterScenario).size());
+    EXPECT_TRUE(sim->calls(Op::DisableScenario).empty());
+}
+
+TEST_F(Harness, DeathReachesAWeaklyHeldRecipientOnceOnTheRuntimeThread) {
+    sp<SimPowerService> sim = qt::startPowerService();
+    sp<IPower> proxy = IPower::getService("default", false);
+    sp<Recipient> r1 = new Recipient;
+    sp<Recipient> r2 = new Recipient;
+    EXPECT_TRUE(static_cast<bool>(proxy->linkToDeath(r1, 11)));
+    EXPECT_TRUE(static_cast<bool>(proxy->linkToDeath(r2, 22)));
+    EXPECT_TRUE(static_cast<bool>(proxy->linkToDeath(r2, 23)));  // not de-duplicated
+    EXPECT_TRUE(static_cast<bool>(proxy->unlinkToDeath(r2)));    // removes the latest link only
+    sp<Recipient> never = new Recipient;
+    EXPECT_FALSE(static_cast<bool>(proxy->unlinkToDeath(never)));
+
+    // Only the runtime's weak reference remains to this one.
+    std::atomic<bool> goneDestroyed{false};
+    sp<Recipient> gone = new Recipient;
+    gone->destroyed = &goneDestroyed;
+    EXPECT_TRUE(static_cast<bool>(proxy->linkToDeath(gone, 33)));
+    gone.clear();
+    EXPECT_TRUE(goneDestroyed);
+
+    // The recipient is held weakly: a recipient alive only through the
+    // runtime's promotion still gets its call.
+    wp<Recipient> weakR1 = r1;
+    qt::kill(qt::powerService());
+    qrnhost::hidl::waitForRuntimeIdle();
+    EXPECT_EQ(1, r1->calls.load());
+    EXPECT_EQ(11u, r1->cookie.load());
+    EXPECT_EQ(1, r2->calls.load());
+    EXPECT_EQ(22u, r2->cookie.load());
+    EXPECT_NE(static_cast<int>(syscall(SYS_gettid)), r1->tid.load());
+    EXPECT_NE(0, r1->tid.load());
+    EXPECT_EQ(proxy.get(), r1->who.promote().get());
+
+    // A later death (of a re-registered service) does not reach them again.
+    sp<SimPowerService> sim2 = qt::startPowerService();
+    qt::kill(qt::powerService());
+    qrnhost::hidl::waitForRuntimeIdle();
+    EXPECT_EQ(1, r1->calls.load());
 }
 
 }  // namespace
