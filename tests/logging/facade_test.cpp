@@ -10,7 +10,11 @@
 #define LOG_TAG "QrnCam/CpuCtrl"
 #define QRN_LOG_MODULE ::qrncam::log::kModuleCpuCtrl
 #include <SysLog.h>
-#include <qrnhost/capture.h>
+#include <cutils/properties.h>
+#include <qrnhost/testing.h>
+#include <qrnhost/trace.h>
+
+#include "Support.h"
 
 namespace {
 
@@ -56,34 +60,6 @@ TEST(Facade, GatesAndSinksPerModeLevelAndMask) {
     }
 }
 
-TEST(Facade, BothSinksGetEachLineTheAndroidLogFirst) {
-    Capture cap(3, 5, 0x40007000);
-    QRN_LOGD("[%s] debug %d", "f", 1);
-    QRN_LOGW("[%s] warn", "f");
-    int line = __LINE__ + 1;
-    QRN_LOGE("[%s] Open File Node Error", __FUNCTION__);
-    std::vector<qt::Record> r = cap.records();
-    ASSERT_EQ(6u, r.size());
-    const int prio[] = {ANDROID_LOG_DEBUG, ANDROID_LOG_WARN, ANDROID_LOG_ERROR};
-    const int32_t level[] = {5, 2, 1};
-    for (int i = 0; i < 3; ++i) {
-        EXPECT_EQ(Sink::Android, r[2 * i].sink);
-        EXPECT_EQ(prio[i], r[2 * i].priority);
-        EXPECT_EQ(Sink::ULog, r[2 * i + 1].sink);
-        EXPECT_EQ(level[i], r[2 * i + 1].level);
-        EXPECT_EQ(0x40007001u, r[2 * i + 1].module);
-        EXPECT_EQ("QrnCam/CpuCtrl", r[2 * i + 1].tag);
-    }
-    EXPECT_EQ("[f] debug 1", r[1].text);
-    EXPECT_EQ(11, r[1].length);
-    // The suffix is in the Android copy only.
-    std::string fn = "TestBody";
-    EXPECT_EQ(
-        "[" + fn + "] Open File Node Error (" + fn + "){#" + std::to_string(line) + ":tests/logging/facade_test.cpp}",
-        r[4].text);
-    EXPECT_EQ("[" + fn + "] Open File Node Error", r[5].text);
-}
-
 TEST(Facade, UnifiedLoggerBufferIsBoundedButTheLengthIsNot) {
     Capture cap(2, 5, 0x40007000);
     for (size_t n : {1500u, 1023u, 1024u}) QRN_LOGW("%s", std::string(n, 'a').c_str());
@@ -120,73 +96,64 @@ void scoped(bool early) {
     if (early) QRN_FUNCTION_SCOPE_EXIT();
 }
 
-TEST(Facade, FunctionScopeTrace) {
-    Capture cap(1, 5, 0x40007000);
-    scoped(false);
-    std::vector<qt::Record> r = cap.records();
-    ASSERT_EQ(5u, r.size());
-    EXPECT_EQ(Sink::TraceBegin, r[0].sink);
-    EXPECT_EQ("CpuCtrl::init", r[0].text);
-    EXPECT_EQ("[scoped] +", r[1].text);
-    EXPECT_EQ("[scoped] -", r[3].text);
-    EXPECT_EQ(Sink::TraceEnd, r[4].sink);
-    cap.clear();
-    scoped(true);  // "-" where the code says, once
-    EXPECT_EQ((std::vector<std::string>{"[scoped] +", "[scoped] body", "[scoped] -"}), cap.texts(Sink::Android));
-
-    // Camera tag off: no section, but the lines still follow their own gate.
-    Capture noTag(1, 5, 0x40007000, /*cameraTrace=*/false);
-    scoped(false);
-    EXPECT_EQ(0u, noTag.sectionsBegun().size() + noTag.sectionsEnded());
-    EXPECT_EQ(3u, noTag.records(Sink::Android).size());
-    Capture quiet(1, 4, 0x40007000, /*cameraTrace=*/true);
-    scoped(false);
-    EXPECT_EQ(std::vector<std::string>{"CpuCtrl::init"}, quiet.sectionsBegun());
-    EXPECT_TRUE(quiet.records(Sink::Android).empty());
+// The switch of the "file_cache" form: says when it is asked, answers gAllow.
+qt::Capture* gCap = nullptr;
+bool gAllow = true;
+int testLogHook(const char* tag, int level) {
+    gCap->note(std::string("qrncam_testLog(") + tag + ", '" + static_cast<char>(level) + "') -> " +
+               std::to_string(gAllow));
+    return gAllow;
 }
 
-// --- the "file_cache" form ---
+// Both forms of line, both sinks and the trace on: the order of the sinks
+// and the levels, the suffix in the Android copy only, sections of a scope
+// and the gates that leave them out, and the "file_cache" form, which asks
+// its switch only once its own flag is set, and writes to the Android log
+// only.
+TEST(Facade, Transcript) {
+    qt::Capture cap(3, 5, 0x40007000);
+    qt::Transcript t(cap, nullptr);
+    t.step("DEBUG, WARN, ERROR");
+    QRN_LOGD("[%s] debug %d", "f", 1);
+    QRN_LOGW("[%s] warn", "f");
+    const int line = __LINE__ + 1;
+    QRN_LOGE("[%s] Open File Node Error", __FUNCTION__);
+    t.step("a scope, then one closed early");
+    scoped(false);
+    scoped(true);
+    t.step("camera trace tag off");
+    property_set(qrnhost::trace::kTagsProperty, "0");
+    qrnhost::trace::resetSetup();
+    scoped(false);
+    t.step("camera trace tag on, details level 4");
+    property_set(qrnhost::trace::kTagsProperty, "0x400");
+    qrnhost::trace::resetSetup();
+    NSCam::Utils::ULog::ULogger::sDetailsLevel = 4;
+    scoped(false);
 
-std::atomic<int> gAsked[128];
-std::atomic<int> gAllow{1};
-int testLogHook(const char*, int level) {
-    if (level >= 0 && level < 128) ++gAsked[level];
-    return gAllow.load();
-}
-
-TEST(FileCacheForm, FlagFirstThenSwitchThenAndroidLogOnly) {
-    for (auto& a : gAsked) a = 0;
+    gCap = &cap;
     qrncam::stdutils::setTestLogHook(&testLogHook);
-    Capture cap(0, 0, 0);  // the unified logger's controls do not matter here
     int flag = 0;
-    FC_LOGI(flag, "Initialize FileCache <%s>", "a");
-    FC_LOGD(flag, "<%s> Write %d bytes to memory", "a", 4);
-    EXPECT_EQ(0, gAsked[int{'I'}] + gAsked[int{'D'}]);  // not asked while the flag is 0
-    EXPECT_TRUE(cap.records().empty());
-
+    auto fileCacheLines = [&] {
+        FC_LOGI(flag, "Initialize FileCache <%s>", "a");
+        FC_LOGD(flag, "<%s> Write %d bytes to memory", "a", 4);
+        FC_LOGE("Fail to open physical file <%s>", "/d.raw");
+        FC_LOG_FATAL("lock mutex exception");  // ignores every switch
+    };
+    t.step("file_cache form, flag 0");
+    fileCacheLines();
+    t.step("file_cache form, flag 1");
     flag = 1;
-    FC_LOGI(flag, "Initialize FileCache <%s>", "a");
-    FC_LOGD(flag, "<%s> Write %d bytes to memory", "a", 4);
-    int line = __LINE__ + 1;
-    FC_LOGE("Fail to open physical file <%s>", "/d.raw");
-    EXPECT_EQ(1, gAsked[int{'I'}].load());
-    EXPECT_EQ(1, gAsked[int{'D'}].load());
-    EXPECT_EQ(1, gAsked[int{'E'}].load());
-    EXPECT_TRUE(cap.hasAndroid(ANDROID_LOG_INFO, "file_cache", "Initialize FileCache <a>"));
-    EXPECT_TRUE(cap.hasAndroid(ANDROID_LOG_DEBUG, "file_cache", "<a> Write 4 bytes to memory"));
-    EXPECT_TRUE(cap.hasAndroid(
-        ANDROID_LOG_ERROR, "file_cache",
-        "Fail to open physical file </d.raw> (TestBody){#" + std::to_string(line) + ":tests/logging/facade_test.cpp}"));
-    EXPECT_TRUE(cap.records(Sink::ULog).empty());
-
-    gAllow = 0;
-    cap.clear();
-    FC_LOGI(flag, "x");
-    FC_LOGE("x");
-    EXPECT_TRUE(cap.records().empty());
-    FC_LOG_FATAL("lock mutex exception");  // ignores every switch
-    EXPECT_TRUE(cap.hasAndroid(ANDROID_LOG_ERROR, "file_cache", "lock mutex exception"));
+    fileCacheLines();
+    t.step("file_cache form, flag 1, switched off");
+    gAllow = false;
+    fileCacheLines();
     qrncam::stdutils::setTestLogHook(nullptr);
+    QRN_CHECK_TRANSCRIPT(t, "facade");
+    // The transcript stands the line number in; the number is the caller's.
+    EXPECT_TRUE(cap.hasAndroid(
+        ANDROID_LOG_ERROR, "QrnCam/CpuCtrl",
+        "[TestBody] Open File Node Error (TestBody){#" + std::to_string(line) + ":tests/logging/facade_test.cpp}"));
 }
 
 }  // namespace
