@@ -27,6 +27,11 @@ bool waitForDeathNotices(const Service& service, std::chrono::milliseconds timeo
     return hidl::waitForDeathNotices(service.descriptor, service.instance, timeout);
 }
 
+size_t linkedRecipients(const Service& service) {
+    sp<hidl::Connection> c = hidl::lookup(service.descriptor, service.instance);
+    return c == nullptr ? 0 : c->linkedRecipients();
+}
+
 void makeLinkToDeathReturnFalse(const Service& service, Times times) {
     hidl::makeLinkToDeathReturnFalse(service.descriptor, service.instance, times);
 }

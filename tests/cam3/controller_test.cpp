@@ -36,10 +36,8 @@ struct Owned : std::unique_ptr<Utils::Cam3CPUCtrlImp, void (*)(Utils::Cam3CPUCtr
                      [](Utils::Cam3CPUCtrl* p) { p->destroyInstance(); }) {}
 };
 
-// Death recipients linked to the "default" power service now.
-size_t linkedRecipients() {
-    auto c = qrnhost::hidl::lookup(vendor::quarnel::hardware::power::V2_0::IPower::descriptor, "default");
-    return c == nullptr ? 0 : c->linkedRecipients();
+void noteLinked(qt::Transcript& t) {
+    t.note("linked recipients: " + std::to_string(qt::linkedRecipients(qt::powerService())));
 }
 
 // A simulator's journal as text.
@@ -105,7 +103,7 @@ TEST_F(Cam3Test, SessionTranscript) {
     run("enterCameraPerf", [&] { return c->enterCameraPerf(); });
     run("init", [&] { return c->init(); });
     run("init", [&] { return c->init(); });
-    t.note("linked recipients: " + std::to_string(linkedRecipients()));
+    noteLinked(t);
     run("disable", [&] { return c->disable(); });
     run("cpuPerformanceMode(2000)", [&] { return c->cpuPerformanceMode(2000); });
     run("enablePreferIdle", [&] { return c->enablePreferIdle(); });
@@ -115,9 +113,9 @@ TEST_F(Cam3Test, SessionTranscript) {
     for (int timeout : {0, -5, 1})
         run("cpuPerformanceMode(" + std::to_string(timeout) + ")", [&] { return c->cpuPerformanceMode(timeout); });
     run("uninit", [&] { return c->uninit(); });
-    t.note("linked recipients: " + std::to_string(linkedRecipients()));
+    noteLinked(t);
     run("uninit", [&] { return c->uninit(); });
-    t.note("linked recipients: " + std::to_string(linkedRecipients()));
+    noteLinked(t);
     t.step("destroyInstance");
     c.reset();
     t.note("left on the service: " + sim->report());
@@ -155,11 +153,11 @@ TEST_F(Cam3Test, BindingTranscript) {
             run("cpuPerformanceMode(" + std::to_string(100 + 100 * i) + ")",
                 [&] { return c->cpuPerformanceMode(100 + 100 * i); });
         }
-        t.note("linked recipients: " + std::to_string(linkedRecipients()));
+        noteLinked(t);
     }
     t.step("destroyInstance with two users left");
     c.reset();
-    t.note("linked recipients: " + std::to_string(linkedRecipients()));
+    noteLinked(t);
     t.step("the service dies");
     qrnhost::power::killDefaultService();
     qrnhost::hidl::waitForRuntimeIdle();
@@ -174,7 +172,7 @@ TEST_F(Cam3Test, BindingTranscript) {
         }
         Owned d;
         run("init", [&] { return d->init(); });
-        t.note("linked recipients: " + std::to_string(linkedRecipients()));
+        noteLinked(t);
     }
     QRN_CHECK_TRANSCRIPT(t, "binding");
 }
@@ -226,7 +224,7 @@ TEST_F(Cam3Test, DeathBetweenTheTwoLockedSectionsOfARequest) {
     EXPECT_TRUE(result);
     EXPECT_EQ((Strings{"registerScenario() -> 1", "configScenario(1, 5, 1, 0, 0, 0)", "enableScenario(1, 50)"}),
               text(next->journal()));
-    EXPECT_EQ(1u, linkedRecipients());
+    EXPECT_EQ(1u, qt::linkedRecipients(qt::powerService()));
 }
 
 TEST_F(Cam3Test, DeathsRacingUsersOnOtherThreads) {

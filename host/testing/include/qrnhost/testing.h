@@ -103,6 +103,10 @@ bool withdraw(const Service& service);
 // other services' notices queued later. False on timeout.
 bool waitForDeathNotices(const Service& service, std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
+// Death recipients linked to the service now, 0 when it is not registered:
+// code that has let go of the service should leave none behind.
+size_t linkedRecipients(const Service& service);
+
 // The next (or every) linkToDeath() on the service returns false, or fails
 // in transport with status. The fault is kept by name, so it also applies to
 // a service started later under it, until cleared or reset().
