@@ -105,19 +105,9 @@ pid_t startLongSession(const std::string& tmpdir, bool keep) {
     std::vector<std::string> args = {QRNCAM_SESSION, "--frames", "100000",     "--frame-size", "8",
                                      "--fps",        "1",        "--quiet-log"};
     if (keep) args.push_back("--keep");
-    const std::string env = "TMPDIR=" + tmpdir;
-    pid_t pid = fork();
-    if (pid == 0) {
-        setpgid(0, 0);
-        putenv(const_cast<char*>(env.c_str()));
-        int devnull = open("/dev/null", O_WRONLY);
-        dup2(devnull, 1), dup2(devnull, 2);
-        std::vector<char*> av;
-        for (auto& a : args) av.push_back(const_cast<char*>(a.c_str()));
-        av.push_back(nullptr);
-        execv(av[0], av.data());
-        _exit(127);
-    }
+    const int devnull = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    const pid_t pid = qrntest::startChild(args, {"TMPDIR=" + tmpdir}, devnull, true);
+    close(devnull);
     for (int i = 0; i < 500 && leftBehind(tmpdir) == 0; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     return pid;

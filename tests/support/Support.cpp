@@ -1,5 +1,6 @@
 #include "Support.h"
 
+#include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/wait.h>
@@ -7,23 +8,24 @@
 
 namespace qrntest {
 
+pid_t startChild(const std::vector<std::string>& argv, const std::vector<std::string>& env, int out, bool ownGroup) {
+    const pid_t pid = fork();
+    if (pid != 0) return pid;
+    if (ownGroup) setpgid(0, 0);
+    dup2(out, 1), dup2(out, 2);
+    for (auto& e : env) putenv(strdup(e.c_str()));
+    std::vector<char*> args;
+    for (auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    execv(args[0], args.data());
+    _exit(127);
+}
+
 ChildResult runChild(const std::vector<std::string>& argv, const std::vector<std::string>& env) {
     ChildResult res;
     int fds[2];
-    if (pipe(fds) != 0) return res;
-    pid_t pid = fork();
-    if (pid == 0) {
-        dup2(fds[1], 1);
-        dup2(fds[1], 2);
-        close(fds[0]);
-        close(fds[1]);
-        for (auto& e : env) putenv(strdup(e.c_str()));
-        std::vector<char*> args;
-        for (auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-        args.push_back(nullptr);
-        execv(args[0], args.data());
-        _exit(127);
-    }
+    if (pipe2(fds, O_CLOEXEC) != 0) return res;
+    const pid_t pid = startChild(argv, env, fds[1]);
     close(fds[1]);
     char buf[4096];
     ssize_t n;

@@ -4,12 +4,18 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/types.h>
 
 #include <qrnhost/capture.h>
 #include <string>
 #include <vector>
 
 namespace qrntest {
+
+// Starts argv in a child whose standard output and error go to out (in a
+// process group of its own if asked); returns its pid.
+pid_t startChild(const std::vector<std::string>& argv, const std::vector<std::string>& env, int out,
+                 bool ownGroup = false);
 
 // Runs argv in a child, returns its exit status (as from waitpid) and its
 // combined standard output and error.
