@@ -42,6 +42,23 @@ TEST_F(CaptureBoostTest, HoldsPerformanceForTheSessionAndGivesEverythingBack) {
     EXPECT_TRUE(sim->registered().empty()) << sim->report();
 }
 
+// What the stage asks of the platform, in order: the power-service and
+// perf-lock calls and any warning, compared with a transcript that was
+// reviewed line by line (golden/session.txt).
+TEST_F(CaptureBoostTest, ASessionAsksForTheseResourcesInThisOrder) {
+    qt::Capture cap(1, 2, 0, false);  // the Android log, WARN and ERROR lines only; no trace
+    qt::Transcript t(cap, sim);
+    CaptureBoost stage;
+    t.step("start");
+    stage.start();
+    t.step("burst(500)");
+    stage.burst(500);
+    t.step("stop");
+    stage.stop();
+    const std::string diff = t.compare(GOLDEN_DIR "/session.txt", "session.actual.txt");
+    EXPECT_TRUE(diff.empty()) << diff;
+}
+
 TEST_F(CaptureBoostTest, CarriesOnThroughAPowerServiceThatDiesAndComesBack) {
     CaptureBoost stage;
     stage.start();
