@@ -132,12 +132,11 @@ void Capture::note(std::string text) {
 }
 
 TempDir::TempDir() {
-    const char* base = getenv("TMPDIR");
-    std::string tmpl = std::string(base && *base ? base : "/tmp") + "/qrncam-test-XXXXXX";
-    std::vector<char> buf(tmpl.begin(), tmpl.end());
-    buf.push_back('\0');
-    if (mkdtemp(buf.data()) == nullptr) abort();
-    mPath = buf.data();
+    std::error_code ec;
+    std::filesystem::path base = std::filesystem::temp_directory_path(ec);  // TMPDIR, else /tmp
+    std::string pattern = ((ec ? std::filesystem::path("/tmp") : base) / "qrncam-test-XXXXXX").string();
+    if (mkdtemp(pattern.data()) == nullptr) abort();
+    mPath = pattern;
 }
 
 TempDir::~TempDir() {
