@@ -1,4 +1,5 @@
 #include <android/log.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/syscall.h>
@@ -10,6 +11,7 @@
 #include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <regex>
 #include <sstream>
 
 namespace qrnhost::testing {
@@ -129,6 +131,42 @@ void Capture::note(std::string text) {
     r.text = std::move(text);
     r.tid = tid();
     add(std::move(r));
+}
+
+std::string printable(const std::string& s) {
+    std::string out;
+    for (unsigned char c : s) {
+        if (c == '\n') {
+            out += "\\n";
+        } else if (c < 0x20 || c >= 0x7F) {
+            char buf[8];
+            snprintf(buf, sizeof buf, "\\x%02x", c);
+            out += buf;
+        } else {
+            out += static_cast<char>(c);
+        }
+    }
+    return out;
+}
+
+std::string describe(const Record& r) {
+    static const std::regex kSuffixLine("\\{#[0-9]+:");
+    switch (r.sink) {
+        case Sink::Android:
+            return std::string(1, "??VDIWEF"[r.priority & 7]) + " " + r.tag + ": " +
+                   std::regex_replace(printable(r.text), kSuffixLine, "{#L:");
+        case Sink::ULog: {
+            char module[16];
+            snprintf(module, sizeof module, "0x%08x", r.module);
+            std::string line = "u" + std::to_string(r.level) + " " + r.tag + "[" + module + "]: " + printable(r.text);
+            if (r.length != static_cast<int64_t>(r.held)) line += " (length " + std::to_string(r.length) + ")";
+            return line;
+        }
+        case Sink::TraceBegin: return "> " + r.text;
+        case Sink::TraceEnd: return "<";
+        case Sink::Note: return printable(r.text);
+    }
+    return "?";
 }
 
 TempDir::TempDir() {

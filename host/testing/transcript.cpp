@@ -6,48 +6,11 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <regex>
 #include <sstream>
 
 namespace qrnhost::testing {
 
 namespace {
-
-std::string escaped(const std::string& s) {
-    std::string out;
-    for (unsigned char c : s) {
-        if (c == '\n') {
-            out += "\\n";
-        } else if (c < 0x20 || c >= 0x7F) {
-            char buf[8];
-            snprintf(buf, sizeof buf, "\\x%02x", c);
-            out += buf;
-        } else {
-            out += static_cast<char>(c);
-        }
-    }
-    return out;
-}
-
-std::string render(const Record& r) {
-    static const std::regex kSuffixLine("\\{#[0-9]+:");
-    switch (r.sink) {
-        case Sink::Android:
-            return std::string(1, "??VDIWEF"[r.priority & 7]) + " " + r.tag + ": " +
-                   std::regex_replace(escaped(r.text), kSuffixLine, "{#L:");
-        case Sink::ULog: {
-            char module[16];
-            snprintf(module, sizeof module, "0x%08x", r.module);
-            std::string line = "u" + std::to_string(r.level) + " " + r.tag + "[" + module + "]: " + escaped(r.text);
-            if (r.length != static_cast<int64_t>(r.held)) line += " (length " + std::to_string(r.length) + ")";
-            return line;
-        }
-        case Sink::TraceBegin: return "> " + r.text;
-        case Sink::TraceEnd: return "<";
-        case Sink::Note: return escaped(r.text);
-    }
-    return "?";
-}
 
 std::vector<std::string> readLines(const std::string& path, bool* found) {
     std::ifstream in(path);
@@ -97,7 +60,7 @@ void Transcript::files(const std::string& dir) {
         const std::string content = readFile(p.string());
         constexpr size_t kShown = 48;
         mCap.note("file " + p.filename().string() + ": " + std::to_string(content.size()) + " bytes \"" +
-                  escaped(content.substr(0, kShown)) + (content.size() > kShown ? "\"..." : "\""));
+                  printable(content.substr(0, kShown)) + (content.size() > kShown ? "\"..." : "\""));
     }
 }
 
@@ -108,7 +71,7 @@ void Transcript::replace(const std::string& text, const std::string& by) {
 std::vector<std::string> Transcript::lines() const {
     std::vector<std::string> out;
     for (const Record& r : mCap.records()) {
-        std::string line = render(r);
+        std::string line = describe(r);
         for (const auto& [text, by] : mReplace)
             for (size_t at; !text.empty() && (at = line.find(text)) != std::string::npos;)
                 line.replace(at, text.size(), by);

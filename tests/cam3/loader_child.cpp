@@ -33,14 +33,10 @@ struct Cam3CPUCtrlPeer {
                 qt::readFile("/proc/self/maps").find("libqrnperf_client_vendor.so") != std::string::npos;
             printf("round %d dlopen=%d acq=%d rel=%d mapped=%d\n", round, gPerfDlopens - before,
                    c->mPerfLockAcq != nullptr, c->mPerfLockRel != nullptr, mapped);
-            // What the loader logged: level letter and text, newlines shown as \n.
-            for (const auto& r : cap.records(qt::Sink::Android)) {
-                if (r.tag != "Cam3CPUCtrl_util" || r.text == "[createInstance] " || r.text == "[Cam3CPUCtrlImp] ")
-                    continue;
-                std::string text;
-                for (char ch : r.text) text += ch == '\n' ? std::string("\\n") : std::string(1, ch);
-                printf("  %c %s\n", "??VDIWEF"[r.priority & 7], text.c_str());
-            }
+            // What the loader logged, as a transcript shows it.
+            for (const auto& r : cap.records(qt::Sink::Android))
+                if (r.text != "[createInstance] " && r.text != "[Cam3CPUCtrlImp] ")
+                    printf("  %s\n", qt::describe(r).c_str());
             if (round == 2) {
                 // Without the library the enters must decline, not call through a stale pointer.
                 const bool r[] = {c->enterCameraPerf(), c->enterCPUBoost(10), c->enterNoTempa(),

@@ -28,7 +28,7 @@ std::vector<std::string> runLoader(const std::string& libDir) {
 
 // The loader's warnings end in a newline of their own, shown as \n.
 Matcher<const std::string&> warning(const std::string& what) {
-    return ::testing::MatchesRegex("  W \\[loadPerfAPI\\] " + what + ".*\\\\n");
+    return ::testing::MatchesRegex("  W Cam3CPUCtrl_util: \\[loadPerfAPI\\] " + what + ".*\\\\n");
 }
 
 TEST(PerfLockLoader, RetriedUntilLoadedThenOnlyCopied) {
@@ -42,19 +42,21 @@ TEST(PerfLockLoader, RetriedUntilLoadedThenOnlyCopied) {
     // looks up perf_lock_acq again.
     const auto noRel = warning("perfLockRel error: .*perf_lock_rel");
     EXPECT_THAT(runLoader(QRN_PERF_NOREL_DIR),
-                ElementsAre("round 1 dlopen=1 acq=0 rel=0 mapped=0", "  D [loadPerfAPI] load lib",
-                            "  D [loadPerfAPI] load funcA", noRel, "round 2 dlopen=1 acq=0 rel=0 mapped=0",
-                            "  D [loadPerfAPI] load lib", "  D [loadPerfAPI] load funcA", noRel, "ops 0 0 0 1 1 1"));
+                ElementsAre("round 1 dlopen=1 acq=0 rel=0 mapped=0", "  D Cam3CPUCtrl_util: [loadPerfAPI] load lib",
+                            "  D Cam3CPUCtrl_util: [loadPerfAPI] load funcA", noRel,
+                            "round 2 dlopen=1 acq=0 rel=0 mapped=0", "  D Cam3CPUCtrl_util: [loadPerfAPI] load lib",
+                            "  D Cam3CPUCtrl_util: [loadPerfAPI] load funcA", noRel, "ops 0 0 0 1 1 1"));
     const auto noAcq = warning("perfLockAcq error: .*perf_lock_acq");
-    EXPECT_THAT(
-        runLoader(QRN_PERF_NOACQ_DIR),
-        ElementsAre("round 1 dlopen=1 acq=0 rel=0 mapped=0", "  D [loadPerfAPI] load lib", noAcq,
-                    "round 2 dlopen=1 acq=0 rel=0 mapped=0", "  D [loadPerfAPI] load lib", noAcq, "ops 0 0 0 1 1 1"));
+    EXPECT_THAT(runLoader(QRN_PERF_NOACQ_DIR),
+                ElementsAre("round 1 dlopen=1 acq=0 rel=0 mapped=0", "  D Cam3CPUCtrl_util: [loadPerfAPI] load lib",
+                            noAcq, "round 2 dlopen=1 acq=0 rel=0 mapped=0",
+                            "  D Cam3CPUCtrl_util: [loadPerfAPI] load lib", noAcq, "ops 0 0 0 1 1 1"));
     // Loaded once, the second construction only copies the pointers, silently.
-    EXPECT_THAT(runLoader(QRN_PERF_DIR),
-                ElementsAre("round 1 dlopen=1 acq=1 rel=1 mapped=1", "  D [loadPerfAPI] load lib",
-                            "  D [loadPerfAPI] load funcA", "  D [loadPerfAPI] load funcR",
-                            "round 2 dlopen=0 acq=1 rel=1 mapped=1", "ops 1 1 1 1 1 1"));
+    EXPECT_THAT(
+        runLoader(QRN_PERF_DIR),
+        ElementsAre("round 1 dlopen=1 acq=1 rel=1 mapped=1", "  D Cam3CPUCtrl_util: [loadPerfAPI] load lib",
+                    "  D Cam3CPUCtrl_util: [loadPerfAPI] load funcA", "  D Cam3CPUCtrl_util: [loadPerfAPI] load funcR",
+                    "round 2 dlopen=0 acq=1 rel=1 mapped=1", "ops 1 1 1 1 1 1"));
 }
 
 TEST(PerfLockLoader, FoundThroughTheRunpathOfTheLibrary) {

@@ -71,6 +71,13 @@ class Capture : public NSCam::Utils::ULog::ULogger {
     ULogger* mSavedLogger;
 };
 
+// A record as a transcript shows it (see transcript.h), e.g.
+// "W Cam3CPUCtrl_util: [loadPerfAPI] ..."; the source line of an error
+// suffix shows as L.
+std::string describe(const Record& r);
+// text with newlines as \n and other control or non-ASCII bytes as \xNN.
+std::string printable(const std::string& text);
+
 // A fresh directory under TMPDIR (or /tmp), removed with its contents on
 // destruction. Aborts if none can be made: a test cannot go on without it.
 class TempDir {
