@@ -1,4 +1,6 @@
+#include <cutils/properties.h>
 #include <stdio.h>
+#include <stdlib.h>
 
 #include <qrnhost/PerfSim.h>
 #include <qrnhost/PowerSim.h>
@@ -110,6 +112,57 @@ std::string Transcript::compare(const std::string& golden, const std::string& ac
         msg << "actual transcript: " << actualFile << (out ? "\n" : " (could not be written)\n");
     }
     return msg.str();
+}
+
+std::string Args::text(size_t i) const {
+    if (i < mWords.size()) return mWords[i];
+    if (mProblem->empty()) *mProblem = "argument " + std::to_string(i + 1) + " is missing";
+    return "";
+}
+
+long long Args::operator[](size_t i) const {
+    const std::string word = text(i);
+    char* end = nullptr;
+    const long long v = strtoll(word.c_str(), &end, 0);
+    if (!word.empty() && *end == '\0') return v;
+    if (mProblem->empty()) *mProblem = "argument " + std::to_string(i + 1) + " is not a number";
+    return 0;
+}
+
+Script::Script(Transcript& t) : mT(t) {
+    on("setprop", [](const Args& a) { property_set(a.text(0).c_str(), a.text(1).c_str()); });
+}
+
+std::string Script::run(const std::string& golden, const std::string& actualFile) {
+    bool found = false;
+    mProblem.clear();
+    for (const std::string& line : readLines(golden, &found)) {
+        if (line.rfind("== ", 0) != 0) continue;
+        const std::string step = line.substr(3);
+        std::string name = step;
+        std::vector<std::string> words;
+        const size_t open = step.find('(');
+        if (open != std::string::npos && step.back() == ')') {
+            name = step.substr(0, open);
+            std::istringstream in(step.substr(open + 1, step.size() - open - 2));
+            for (std::string w; std::getline(in, w, ',');) {
+                w.erase(0, w.find_first_not_of(' '));
+                w.erase(w.find_last_not_of(' ') + 1);
+                words.push_back(w);
+            }
+        }
+        mT.step(step);
+        const auto action = mActions.find(name);
+        if (action == mActions.end()) {
+            mProblem = "no action for the step \"" + step + "\"";
+        } else {
+            action->second(Args(words, &mProblem));
+            if (!mProblem.empty()) mProblem = "step \"" + step + "\": " + mProblem;
+        }
+        if (!mProblem.empty()) break;
+    }
+    const std::string diff = mT.compare(golden, actualFile);
+    return mProblem.empty() ? diff : golden + ": " + mProblem + "\n" + diff;
 }
 
 }  // namespace qrnhost::testing

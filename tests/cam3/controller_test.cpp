@@ -17,6 +17,7 @@
 #include <functional>
 #include <future>
 #include <memory>
+#include <optional>
 #include <thread>
 
 #include "Support.h"
@@ -35,10 +36,6 @@ struct Owned : std::unique_ptr<Utils::Cam3CPUCtrlImp, void (*)(Utils::Cam3CPUCtr
         : unique_ptr(static_cast<Utils::Cam3CPUCtrlImp*>(Utils::Cam3CPUCtrl::createInstance()),
                      [](Utils::Cam3CPUCtrl* p) { p->destroyInstance(); }) {}
 };
-
-void noteLinked(qt::Transcript& t) {
-    t.note("linked recipients: " + std::to_string(qt::linkedRecipients(qt::powerService())));
-}
 
 // A simulator's journal as text.
 template <typename Calls>
@@ -62,8 +59,39 @@ class Cam3Test : public ::testing::Test {
         // first; the loader's own lines are the loader test's.
         Utils::Cam3CPUCtrl::createInstance()->destroyInstance();
     }
-    void TearDown() override { qrnhost::testing::reset(); }
+    void TearDown() override { ctrl.reset(), qrnhost::testing::reset(); }
+
+    // The steps of the scenarios in golden/: every call of the controller,
+    // perf locks refused, and the service coming, going and refusing links.
+    qt::Script script(qt::Transcript& t) {
+        qt::Script s(t);
+        s.on("createInstance", [&] { ctrl.emplace(); })
+            .on("destroyInstance", [&] { ctrl.reset(); })
+            .on("init", [&] { return (*ctrl)->init(); })
+            .on("uninit", [&] { return (*ctrl)->uninit(); })
+            .on("disable", [&] { return (*ctrl)->disable(); })
+            .on("enablePreferIdle", [&] { return (*ctrl)->enablePreferIdle(); })
+            .on("cpuPerformanceMode", [&](const qt::Args& a) { return (*ctrl)->cpuPerformanceMode(int(a[0])); })
+            .on("enterCameraPerf", [&] { return (*ctrl)->enterCameraPerf(); })
+            .on("exitCameraPerf", [&] { return (*ctrl)->exitCameraPerf(); })
+            .on("enterCPUBoost", [&](const qt::Args& a) { return (*ctrl)->enterCPUBoost(int(a[0])); })
+            .on("exitCPUBoost", [&] { return (*ctrl)->exitCPUBoost(); })
+            .on("enterNoTempa", [&] { return (*ctrl)->enterNoTempa(); })
+            .on("exitNoTempa", [&] { return (*ctrl)->exitNoTempa(); })
+            .on("perf locks refused", [](const qt::Args& a) { qrnhost::perf::setRefuseAll(a[0] != 0); })
+            .on("no service", [] { qrnhost::hidl::unregisterAll(); })
+            .on("the service is registered", [&] { t.replaceSim(sim = qrnhost::power::startDefaultService()); })
+            .on("the service dies", [] { qrnhost::power::killDefaultService(), qrnhost::hidl::waitForRuntimeIdle(); })
+            .on("linkToDeath refuses", [] { qt::makeLinkToDeathReturnFalse(qt::powerService()); })
+            .on("linkToDeath fails",
+                [] { qt::makeLinkToDeathFail(qt::powerService(), qt::transportFailure("binder gone")); })
+            .on("linked recipients", [] { return qt::linkedRecipients(qt::powerService()); })
+            .on("left on the service", [&] { return sim->report(); })
+            .on("perf locks held", [] { return qrnhost::perf::report(); });
+        return s;
+    }
     ::android::sp<qrnhost::power::SimPowerService> sim;
+    std::optional<Owned> ctrl;
 };
 
 // A whole session, both sinks and the trace on: requests without a user,
@@ -73,108 +101,17 @@ class Cam3Test : public ::testing::Test {
 TEST_F(Cam3Test, SessionTranscript) {
     Capture cap(3, 5, 0x00107000);
     qt::Transcript t(cap, sim);
-    qt::Steps run{t};
-    t.step("createInstance");
-    Owned c;
-    run("cpuPerformanceMode(10)", [&] { return c->cpuPerformanceMode(10); });
-    run("uninit", [&] { return c->uninit(); });
-    run("exitCameraPerf", [&] { return c->exitCameraPerf(); });
-    run("exitCPUBoost", [&] { return c->exitCPUBoost(); });
-    run("exitNoTempa", [&] { return c->exitNoTempa(); });
-    t.step("every perf lock refused");
-    qrnhost::perf::setRefuseAll(true);
-    run("enterCameraPerf", [&] { return c->enterCameraPerf(); });
-    run("enterCPUBoost(100)", [&] { return c->enterCPUBoost(100); });
-    run("enterNoTempa", [&] { return c->enterNoTempa(); });
-    run("exitCameraPerf", [&] { return c->exitCameraPerf(); });
-    qrnhost::perf::setRefuseAll(false);
-    for (int i = 0; i < 2; ++i) {
-        run("enterCameraPerf", [&] { return c->enterCameraPerf(); });
-        run("enterCPUBoost(" + std::to_string(3000 + i) + ")", [&] { return c->enterCPUBoost(3000 + i); });
-        run("enterNoTempa", [&] { return c->enterNoTempa(); });
-    }
-    for (int i = 0; i < 2; ++i) {
-        run("exitCameraPerf", [&] { return c->exitCameraPerf(); });
-        run("exitCPUBoost", [&] { return c->exitCPUBoost(); });
-        run("exitNoTempa", [&] { return c->exitNoTempa(); });
-    }
-    t.step("vendor.cam3dev.idleprefer.enable=false");
-    property_set("vendor.cam3dev.idleprefer.enable", "false");
-    run("enterCameraPerf", [&] { return c->enterCameraPerf(); });
-    run("init", [&] { return c->init(); });
-    run("init", [&] { return c->init(); });
-    noteLinked(t);
-    run("disable", [&] { return c->disable(); });
-    run("cpuPerformanceMode(2000)", [&] { return c->cpuPerformanceMode(2000); });
-    run("enablePreferIdle", [&] { return c->enablePreferIdle(); });
-    t.step("vendor.cam3dev.cpupreferidle=1");
-    property_set("vendor.cam3dev.cpupreferidle", "1");
-    run("enablePreferIdle", [&] { return c->enablePreferIdle(); });
-    for (int timeout : {0, -5, 1})
-        run("cpuPerformanceMode(" + std::to_string(timeout) + ")", [&] { return c->cpuPerformanceMode(timeout); });
-    run("uninit", [&] { return c->uninit(); });
-    noteLinked(t);
-    run("uninit", [&] { return c->uninit(); });
-    noteLinked(t);
-    t.step("destroyInstance");
-    c.reset();
-    t.note("left on the service: " + sim->report());
-    t.note("perf locks held: " + qrnhost::perf::report());
-    QRN_CHECK_TRANSCRIPT(t, "session");
+    QRN_RUN_SCRIPT(script(t), "session");
 }
 
 // The binding: no service at init, one that appears late, each new one
 // after a death bound and linked by whichever call comes next; then an
 // object destroyed with two users left, whose death notice must no longer
-// reach it.
+// reach it; last, links that are refused or fail.
 TEST_F(Cam3Test, BindingTranscript) {
-    property_set("vendor.cam3dev.cpupreferidle", "1");
-    qrnhost::hidl::unregisterAll();
     Capture cap(1, 5, 0x00107000, false);
     qt::Transcript t(cap, nullptr);
-    qt::Steps run{t};
-    Owned c;
-    run("init", [&] { return c->init(); });
-    run("cpuPerformanceMode(5)", [&] { return c->cpuPerformanceMode(5); });
-    for (int i = 0; i < 4; ++i) {
-        if (i > 0) {
-            t.step("the service dies");
-            qrnhost::power::killDefaultService();
-            qrnhost::hidl::waitForRuntimeIdle();
-        }
-        t.step("the service is registered");
-        sim = qrnhost::power::startDefaultService();
-        t.replaceSim(sim);
-        if (i == 1) {
-            run("init", [&] { return c->init(); });
-        } else if (i == 2) {
-            run("enablePreferIdle", [&] { return c->enablePreferIdle(); });
-        } else {
-            run("cpuPerformanceMode(" + std::to_string(100 + 100 * i) + ")",
-                [&] { return c->cpuPerformanceMode(100 + 100 * i); });
-        }
-        noteLinked(t);
-    }
-    t.step("destroyInstance with two users left");
-    c.reset();
-    noteLinked(t);
-    t.step("the service dies");
-    qrnhost::power::killDefaultService();
-    qrnhost::hidl::waitForRuntimeIdle();
-    // A link that fails leaves the service bound, and says how it failed.
-    t.replaceSim(qt::startPowerService());
-    for (const char* how : {"refuses", "fails in transport"}) {
-        t.step(std::string("a new controller; linkToDeath ") + how);
-        if (how[0] == 'r') {
-            qt::makeLinkToDeathReturnFalse(qt::powerService());
-        } else {
-            qt::makeLinkToDeathFail(qt::powerService(), qt::transportFailure("binder gone"));
-        }
-        Owned d;
-        run("init", [&] { return d->init(); });
-        noteLinked(t);
-    }
-    QRN_CHECK_TRANSCRIPT(t, "binding");
+    QRN_RUN_SCRIPT(script(t), "binding");
 }
 
 // A capture that stops the first thread writing a given unified-logger line

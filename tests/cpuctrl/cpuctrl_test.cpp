@@ -29,95 +29,60 @@ sp<SimPowerService> startSim(std::vector<int32_t> freqs = {1800000, 2400000}) {
     return startDefaultService({std::move(freqs), "/nonexistent", 0});
 }
 
-// Two users through every kind of request, then leaving one by one; both
-// sinks and the trace on. The scenarios left on the service are listed last.
-TEST(CpuCtrlTranscript, TwoUsersThroughEveryRequest) {
-    qt::Capture cap(3, 5, 0x40007000);
+// The scenarios of golden/: every call of CpuCtrl, and the service coming
+// and going around them.
+qt::Script script(qt::Transcript& t, CpuCtrl*& ctrl, sp<SimPowerService>& sim) {
+    qt::Script s(t);
+    s.on("createInstance", [&] { ctrl = CpuCtrl::createInstance(); })
+        .on("destroyInstance", [&] { ctrl->destroyInstance(); })
+        .on("init", [&] { return ctrl->init(); })
+        .on("uninit", [&] { return ctrl->uninit(); })
+        .on("enable",  // big cores and frequency, little ones, timeout; or four ranges and a timeout
+            [&](const qt::Args& a) {
+                if (a.size() == 5) {
+                    Info info{int(a[0]), int(a[1]), int(a[2]), int(a[3]), int(a[4])};
+                    return ctrl->enable(info);
+                }
+                Range r{int(a[0]), int(a[1]), int(a[2]), int(a[3]), int(a[4]),
+                        int(a[5]), int(a[6]), int(a[7]), int(a[8])};
+                return ctrl->enable(r);
+            })
+        .on("enablePreferIdle", [&] { return ctrl->enablePreferIdle(); })
+        .on("enableBoost", [&](const qt::Args& a) { return ctrl->enableBoost(int(a[0])); })
+        .on("cpuPerformanceMode", [&](const qt::Args& a) { return ctrl->cpuPerformanceMode(int(a[0])); })
+        .on("resetTimeout", [&](const qt::Args& a) { return ctrl->resetTimeout(int(a[0])); })
+        .on("disable", [&] { return ctrl->disable(); })
+        .on("no service", [] { qrnhost::hidl::unregisterAll(); })
+        .on("the service is registered", [&] { t.replaceSim(sim = startSim()); })
+        .on("a service without clusters is registered", [&] { t.replaceSim(sim = startSim({})); })
+        .on("left on the service", [&] {
+            for (const Scenario& sc : sim->registered()) t.note("-> " + sc.describe());
+        });
+    return s;
+}
+
+class CpuCtrlTranscript : public ::testing::Test {
+  protected:
+    void TearDown() override { qrnhost::hidl::unregisterAll(); }
     sp<SimPowerService> sim = startSim();
+    CpuCtrl* ctrl = nullptr;
+};
+
+// Two users through every kind of request, then leaving one by one; both
+// sinks and the trace on.
+TEST_F(CpuCtrlTranscript, TwoUsersThroughEveryRequest) {
+    qt::Capture cap(3, 5, 0x40007000);
     qt::Transcript t(cap, sim);
-    qt::Steps run{t};
-    Info info{2, 2000, 4, -1000, 3};
-    Range range{1, 2, 3, 4, 5, 6, 7, 8, 2}, partial{-1, 2, 3, -4, 500, -1, 700, 800, 1};
-    t.step("createInstance");
-    CpuCtrl* ctrl = CpuCtrl::createInstance();
-    run("init", [&] { return ctrl->init(); });
-    run("init", [&] { return ctrl->init(); });
-    run("enable(big 2 cores/2000, little 4/-1000, 3 s)", [&] { return ctrl->enable(info); });
-    run("the same for 1 s", [&] { return info.timeout = 1, ctrl->enable(info); });
-    run("the same for -5 s", [&] { return info.timeout = -5, ctrl->enable(info); });
-    run("enable(range 1..8, 2 s)", [&] { return ctrl->enable(range); });
-    run("enable(range with a negative in three pairs, 1 s)", [&] { return ctrl->enable(partial); });
-    run("enablePreferIdle", [&] { return ctrl->enablePreferIdle(); });
-    run("enableBoost(2)", [&] { return ctrl->enableBoost(2); });
-    run("cpuPerformanceMode(5)", [&] { return ctrl->cpuPerformanceMode(5); });
-    run("cpuPerformanceMode(-1)", [&] { return ctrl->cpuPerformanceMode(-1); });
-    run("disable", [&] { return ctrl->disable(); });
-    run("disable", [&] { return ctrl->disable(); });
-    run("resetTimeout(2)", [&] { return ctrl->resetTimeout(2); });
-    run("resetTimeout(0)", [&] { return ctrl->resetTimeout(0); });
-    run("cpuPerformanceMode(1)", [&] { return ctrl->cpuPerformanceMode(1); });
-    run("uninit", [&] { return ctrl->uninit(); });
-    run("enableBoost(0)", [&] { return ctrl->enableBoost(0); });
-    run("uninit", [&] { return ctrl->uninit(); });
-    run("uninit", [&] { return ctrl->uninit(); });
-    for (const Scenario& s : sim->registered()) t.step("left on the service: " + s.describe());
-    t.step("destroyInstance");
-    ctrl->destroyInstance();
-    QRN_CHECK_TRANSCRIPT(t, "two-users");
-    qrnhost::hidl::unregisterAll();
+    QRN_RUN_SCRIPT(script(t, ctrl, sim), "two-users");
 }
 
 // Requests without a user, without a service, and on a service that a
 // later init no longer found; a boost before any request and on a service
 // without clusters. Android log only.
-TEST(CpuCtrlTranscript, RequestsWithoutUserOrService) {
+TEST_F(CpuCtrlTranscript, RequestsWithoutUserOrService) {
     qt::Capture cap(1, 5, 0x40007000);
-    sp<SimPowerService> sim = startSim();
     qt::Transcript t(cap, sim);
-    qt::Steps run{t};
-    Info info{1, 1000, 1, 1000, 0};
-    Range range{1, 1, 1, 1, 1, 1, 1, 1, 0};
-    CpuCtrl* ctrl = CpuCtrl::createInstance();
-    auto everyRequest = [&] {
-        run("enable(info)", [&] { return ctrl->enable(info); });
-        run("enable(range)", [&] { return ctrl->enable(range); });
-        run("enableBoost(1)", [&] { return ctrl->enableBoost(1); });
-        run("enablePreferIdle", [&] { return ctrl->enablePreferIdle(); });
-        run("cpuPerformanceMode(1)", [&] { return ctrl->cpuPerformanceMode(1); });
-        run("resetTimeout(1)", [&] { return ctrl->resetTimeout(1); });
-        run("disable", [&] { return ctrl->disable(); });
-    };
-    t.step("never used");
-    everyRequest();
-    run("uninit", [&] { return ctrl->uninit(); });
-    t.step("used, then left by its last user");
-    run("init", [&] { return ctrl->init() && ctrl->enable(info) && ctrl->uninit(); });
-    everyRequest();
-    t.step("no service");
-    qrnhost::hidl::unregisterAll();
-    run("init", [&] { return ctrl->init(); });
-    everyRequest();
-    run("uninit", [&] { return ctrl->uninit(); });
-    t.step("the service gone by a second user's init");
-    sim = startSim();
-    t.replaceSim(sim);
-    run("init", [&] { return ctrl->init() && ctrl->enable(info); });
-    qrnhost::hidl::unregisterAll();
-    run("init", [&] { return ctrl->init(); });
-    run("disable", [&] { return ctrl->disable(); });
-    run("resetTimeout(1)", [&] { return ctrl->resetTimeout(1); });
-    run("enableBoost(1)", [&] { return ctrl->enableBoost(1); });
-    run("uninit", [&] { return ctrl->uninit(); });
-    run("uninit", [&] { return ctrl->uninit(); });
-    t.step("a boost before any request, on a service without clusters");
-    sim = startSim({});
-    t.replaceSim(sim);
-    run("init", [&] { return ctrl->init(); });
-    run("enableBoost(0)", [&] { return ctrl->enableBoost(0); });
-    run("uninit", [&] { return ctrl->uninit(); });
-    ctrl->destroyInstance();
-    QRN_CHECK_TRANSCRIPT(t, "without-user-or-service");
-    qrnhost::hidl::unregisterAll();
+    QRN_RUN_SCRIPT(script(t, ctrl, sim), "without-user-or-service");
 }
 
 class CpuCtrlTest : public ::testing::Test {

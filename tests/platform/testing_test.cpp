@@ -239,6 +239,30 @@ TEST_F(Harness, KernelNodesStandInForTheFixedPathsAndGoAway) {
     EXPECT_FALSE(std::filesystem::exists(root));
 }
 
+// A script's steps come from its file; one the script does not know, or
+// arguments an action cannot use, stop the run and are named.
+TEST(Script, UnknownStepsAndUnusableArgumentsAreReported) {
+    qt::TempDir dir;
+    qt::Capture cap;
+    qt::Transcript t(cap, nullptr);
+    std::vector<long long> got;
+    qt::Script s(t);
+    s.on("add", [&](const qt::Args& a) { return got.push_back(a[0] + a[1]), a[0] + a[1]; });
+    const std::pair<const char*, const char*> cases[] = {
+        {"== add(1, 0x10)\n-> 17\n", ""},
+        {"== add(1)\n", "step \"add(1)\": argument 2 is missing"},
+        {"== add(1, two)\n", "step \"add(1, two)\": argument 2 is not a number"},
+        {"# comment\n== sub(1, 2)\n== add(1, 1)\n", "no action for the step \"sub(1, 2)\""},
+    };
+    for (const auto& [script, problem] : cases) {
+        qt::writeFile(dir.file("s.txt"), script);
+        cap.clear();
+        const std::string diff = s.run(dir.file("s.txt"), "");
+        EXPECT_EQ(0u, diff.find(*problem ? dir.file("s.txt") + ": " + problem + "\n" : "")) << diff;
+    }
+    EXPECT_EQ((std::vector<long long>{17, 1, 1}), got);  // nothing after an unknown step
+}
+
 TEST(HidlDeathTest, AFailedCallEndsTheProcessWhenItsValueIsReadOrItGoesUnchecked) {
     EXPECT_DEATH((void)static_cast<int32_t>(Return<int32_t>(Status::fromStatusT(::android::FAILED_TRANSACTION))),
                  "Attempted to retrieve value from failed HIDL call: Status\\(EX_TRANSACTION_FAILED\\): "

@@ -33,12 +33,15 @@ std::string exitDumpProblem(const std::string& child);
 
 }  // namespace qrntest
 
-// Compares a transcript with golden/NAME.txt of the test's area. A
-// difference fails the test and leaves the actual transcript under the
-// build's transcripts/ directory, where tools/transcripts.sh shows it.
-#define QRN_CHECK_TRANSCRIPT(transcript, name)                                                              \
-    do {                                                                                                    \
-        const std::string qrnDiff =                                                                         \
-            (transcript).compare(QRNCAM_GOLDEN_DIR "/" name ".txt", QRNCAM_TRANSCRIPT_OUT "/" name ".txt"); \
-        if (!qrnDiff.empty()) ADD_FAILURE() << qrnDiff << "(tools/transcripts.sh shows every difference)";  \
+// Compares a transcript with golden/NAME.txt of the test's area, or runs
+// the script kept there. A difference fails the test and leaves the actual
+// transcript under the build's transcripts/ directory, where
+// tools/transcripts.sh shows it.
+#define QRN_GOLDEN(name) QRNCAM_GOLDEN_DIR "/" name ".txt", QRNCAM_TRANSCRIPT_OUT "/" name ".txt"
+#define QRN_EXPECT_NO_DIFF(diff)                                                                           \
+    do {                                                                                                   \
+        const std::string qrnDiff = (diff);                                                                \
+        if (!qrnDiff.empty()) ADD_FAILURE() << qrnDiff << "(tools/transcripts.sh shows every difference)"; \
     } while (0)
+#define QRN_CHECK_TRANSCRIPT(transcript, name) QRN_EXPECT_NO_DIFF((transcript).compare(QRN_GOLDEN(name)))
+#define QRN_RUN_SCRIPT(script, name) QRN_EXPECT_NO_DIFF((script).run(QRN_GOLDEN(name)))

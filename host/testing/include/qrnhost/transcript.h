@@ -24,7 +24,9 @@
 #pragma once
 
 #include <functional>
+#include <map>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -74,6 +76,72 @@ struct Steps {
         t.step(what);
         t.note(call() ? "-> true" : "-> false");
     }
+};
+
+// The arguments of a step: the words between its parentheses, split at
+// commas, blanks trimmed. One that is missing, or not a number where a
+// number is asked for, reads as "" or 0 and is reported by Script::run.
+class Args {
+  public:
+    Args(std::vector<std::string> words, std::string* problem) : mWords(std::move(words)), mProblem(problem) {}
+    size_t size() const { return mWords.size(); }
+    std::string text(size_t i) const;
+    // As strtoll reads it, in base 0 (0x1A, 010, -5).
+    long long operator[](size_t i) const;
+
+  private:
+    std::vector<std::string> mWords;
+    std::string* mProblem;
+};
+
+// A scenario whose steps are read from its own transcript file: each
+// "== " line there runs the action named by the text before its "(" (or
+// by the whole text), with the words in the parentheses as arguments. A
+// transcript then is the scenario: written once, read by people and run.
+// What an action returns is noted after its step: "-> true" or "-> false"
+// for a bool, "-> N" for a number, "-> text" for a string.
+//
+//   qrnhost::testing::Script s(t);
+//   s.on("init", [&] { return ctrl->init(); });
+//   s.on("cpuPerformanceMode", [&](const Args& a) { return ctrl->cpuPerformanceMode(a[0]); });
+//   const std::string diff = s.run("golden/init.txt", "out/init.txt");
+//
+// "setprop(KEY, VALUE)" is known to every script.
+class Script {
+  public:
+    explicit Script(Transcript& t);
+
+    template <typename F>
+    Script& on(const std::string& name, F action) {
+        mActions[name] = [t = &mT, action](const Args& a) {
+            auto call = [&] {
+                if constexpr (std::is_invocable_v<F, const Args&>)
+                    return action(a);
+                else
+                    return action();
+            };
+            using R = decltype(call());
+            if constexpr (std::is_void_v<R>)
+                call();
+            else if constexpr (std::is_same_v<R, bool>)
+                t->note(call() ? "-> true" : "-> false");
+            else if constexpr (std::is_arithmetic_v<R>)
+                t->note("-> " + std::to_string(call()));
+            else
+                t->note("-> " + std::string(call()));
+        };
+        return *this;
+    }
+
+    // Runs the steps of golden in order, then compares as Transcript does.
+    // A step without an action, or with arguments it cannot use, stops the
+    // run and is reported first.
+    std::string run(const std::string& golden, const std::string& actualFile);
+
+  private:
+    Transcript& mT;
+    std::map<std::string, std::function<void(const Args&)>> mActions;
+    std::string mProblem;
 };
 
 }  // namespace qrnhost::testing
