@@ -7,10 +7,14 @@
 #include <unistd.h>
 
 #include <qrnhost/testing.h>
+
 #include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <future>
+#include <map>
+#include <mutex>
+#include "Support.h"
 
 namespace {
 
@@ -25,29 +29,21 @@ using qrnhost::power::Op;
 using qrnhost::power::SimPowerService;
 using vendor::quarnel::hardware::power::V2_0::IPower;
 
-// Counts its notices and keeps the last one's cookie, service and thread;
-// optionally holds the runtime thread in the first one until the test opens
-// the gate.
+// Counts its notices; optionally holds the runtime thread in the first one
+// until the test opens the gate.
 struct Recipient : hidl_death_recipient {
-    std::atomic<int> calls{0}, tid{0};
-    std::atomic<uint64_t> cookie{0};
-    wp<IBase> who;
-    std::atomic<bool>* destroyed = nullptr;
+    std::atomic<int> calls{0};
     std::promise<void> entered, open;
     bool hold = false;
-    void serviceDied(uint64_t c, const wp<IBase>& w) override {
-        cookie = c, who = w, tid = static_cast<int>(syscall(SYS_gettid));
+    void serviceDied(uint64_t, const wp<IBase>&) override {
         if (calls++ == 0 && hold) {
             entered.set_value();
             open.get_future().wait();
         }
     }
-    ~Recipient() override {
-        if (destroyed) *destroyed = true;
-    }
 };
 
-qt::Service named(const char* instance) {
+qt::Service named(const std::string& instance) {
     return {IPower::descriptor, instance};
 }
 
@@ -91,105 +87,6 @@ TEST_F(Harness, CallResultsAndStatusesReadAsOnTheDevice) {
         EXPECT_EQ(c.text, c.status.description());
         EXPECT_EQ(c.transactionError, c.status.transactionError()) << c.text;
     }
-    // An injected failure with a message reaches the caller whole, and
-    // asking for the description does not count as checking it.
-    sp<SimPowerService> sim = qt::startPowerService();
-    sim->injectTransportFailure(Op::EnableScenario, qt::transportFailure("pool exhausted"));
-    sp<IPower> proxy = IPower::getService("default", false);
-    Return<void> r = proxy->enableScenario(1, 0);
-    EXPECT_EQ("Status(EX_TRANSACTION_FAILED): 'FAILED_TRANSACTION: pool exhausted'", r.description());
-    EXPECT_FALSE(r.isOk());
-    EXPECT_TRUE(sim->calls(Op::EnableScenario).at(0).transportFailed);
-    EXPECT_TRUE(proxy->enableScenario(1, 0).isOk());  // used up
-}
-
-TEST_F(Harness, WithdrawingAServiceIsQuietAndLeavesItsProxiesWorking) {
-    sp<SimPowerService> sim = qt::startPowerService();
-    sp<IPower> proxy = IPower::getService("default", false);
-    sp<Recipient> r = new Recipient;
-    ASSERT_TRUE(proxy->linkToDeath(r, 0).withDefault(false));
-
-    EXPECT_TRUE(qt::withdraw(qt::powerService()));
-    EXPECT_FALSE(qt::withdraw(qt::powerService()));
-    EXPECT_EQ(nullptr, IPower::getService("default", false));
-    EXPECT_FALSE(qt::kill(qt::powerService()));  // nothing registered to kill
-    EXPECT_EQ(1, proxy->registerScenario().withDefault(-1));
-    EXPECT_EQ(1u, sim->calls(Op::RegisterScenario).size());
-
-    // A successor under the same name dies with notices to its own
-    // recipients only.
-    sp<SimPowerService> next = qt::startPowerService();
-    sp<Recipient> nextR = new Recipient;
-    ASSERT_TRUE(IPower::getService("default", false)->linkToDeath(nextR, 0).withDefault(false));
-    EXPECT_TRUE(qt::kill(qt::powerService()));
-    ASSERT_TRUE(qt::waitForDeathNotices(qt::powerService()));
-    EXPECT_EQ(1, nextR->calls.load());
-    qrnhost::hidl::waitForRuntimeIdle();
-    EXPECT_EQ(0, r->calls.load());
-    EXPECT_TRUE(proxy->ping().isOk());
-}
-
-TEST_F(Harness, LinkToDeathFaultsApplyOnceOrEveryTimeByName) {
-    using qt::Times;
-    struct Case {
-        const char* name;
-        Times times;
-        bool returnFalse;
-        // Results of two links: 'T' true, 'F' false, 'X' transport failure.
-        const char* results;
-    };
-    const Case cases[] = {
-        {"next returns false", Times::Next, true, "FT"},
-        {"every returns false", Times::Every, true, "FF"},
-        {"next fails", Times::Next, false, "XT"},
-        {"every fails", Times::Every, false, "XX"},
-    };
-    const Status failure = qt::transportFailure("link refused");
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        // Set before the service exists: faults go by name.
-        if (c.returnFalse)
-            qt::makeLinkToDeathReturnFalse(qt::powerService(), c.times);
-        else
-            qt::makeLinkToDeathFail(qt::powerService(), failure, c.times);
-        qt::startPowerService();
-        sp<IPower> proxy = IPower::getService("default", false);
-        sp<Recipient> r = new Recipient;
-        std::string got;
-        for (int i = 0; i < 2; ++i) {
-            Return<bool> linked = proxy->linkToDeath(r, 0);
-            if (!linked.isOk()) {
-                EXPECT_EQ(failure.description(), linked.description());
-                got += 'X';
-            } else {
-                got += linked ? 'T' : 'F';
-            }
-        }
-        EXPECT_EQ(c.results, got);
-        // Only a successful link is told of the death.
-        qt::kill(qt::powerService());
-        ASSERT_TRUE(qt::waitForDeathNotices(qt::powerService()));
-        EXPECT_EQ(got.back() == 'T' ? 1 : 0, r->calls.load());
-        qt::reset();
-    }
-
-    // A link refused on a dead service uses nothing up; clearing and
-    // another service's name leave the rest alone.
-    qt::makeLinkToDeathReturnFalse(qt::powerService());
-    qt::makeLinkToDeathReturnFalse(named("other"), Times::Every);
-    qt::startPowerService();
-    sp<IPower> proxy = IPower::getService("default", false);
-    qt::kill(qt::powerService());
-    sp<Recipient> r = new Recipient;
-    EXPECT_TRUE(proxy->linkToDeath(r, 0).isDeadObject());
-    qt::startPowerService();
-    proxy = IPower::getService("default", false);
-    EXPECT_FALSE(proxy->linkToDeath(r, 0).withDefault(true));
-    EXPECT_TRUE(proxy->linkToDeath(r, 0).withDefault(false));
-    sp<IPower> other = startNamed("other");
-    EXPECT_FALSE(other->linkToDeath(r, 0).withDefault(true));
-    qt::clearLinkToDeathFaults(named("other"));
-    EXPECT_TRUE(other->linkToDeath(r, 0).withDefault(false));
 }
 
 TEST_F(Harness, WaitingForOneServicesNoticesIgnoresOthersQueuedLater) {
@@ -263,6 +160,104 @@ TEST(Script, UnknownStepsAndUnusableArgumentsAreReported) {
     EXPECT_EQ((std::vector<long long>{17, 1, 1}), got);  // nothing after an unknown step
 }
 
+// Services under any instance name, proxies to them, and recipients that
+// note each notice they get and their own end, driven by golden/runtime.txt.
+class Runtime : public Harness {
+  protected:
+    struct Noting : hidl_death_recipient {
+        Noting(Runtime& rt, std::string name) : rt(rt), name(std::move(name)) {}
+        void serviceDied(uint64_t cookie, const wp<IBase>& who) override {
+            const bool onCaller = syscall(SYS_gettid) == getpid();
+            rt.cap.note(name + ": serviceDied(" + std::to_string(cookie) + ") from " + rt.nameOf(who.promote().get()) +
+                        (onCaller ? " on the caller's thread" : ""));
+        }
+        ~Noting() override { rt.cap.note(name + " destroyed"); }
+        Runtime& rt;
+        const std::string name;
+    };
+    std::string nameOf(IBase* proxy) {
+        std::lock_guard<std::mutex> l(lock);
+        for (const auto& [name, p] : proxies)
+            if (p.get() == proxy) return name + "'s proxy";
+        return "another proxy";
+    }
+    sp<IPower>& proxy(const qt::Args& a) {
+        std::lock_guard<std::mutex> l(lock);
+        return proxies[a.text(0)];
+    }
+    sp<Noting>& recipient(const std::string& name) {
+        sp<Noting>& r = recipients[name];
+        if (r == nullptr) r = new Noting(*this, name);
+        return r;
+    }
+    template <typename T>
+    static std::string result(const Return<T>& r) {
+        if (!r.isOk()) return r.description();
+        if constexpr (std::is_void_v<T>)
+            return "ok";
+        else if constexpr (std::is_same_v<T, bool>)
+            return static_cast<T>(r) ? "true" : "false";
+        else
+            return std::to_string(static_cast<T>(r));
+    }
+    qt::Script script(qt::Transcript& t) {
+        qt::Script s(t);
+        auto times = [](const qt::Args& a) { return a.text(1) == "every" ? qt::Times::Every : qt::Times::Next; };
+        s.on("start",
+             [&](const qt::Args& a) { return (sims[a.text(0)] = new SimPowerService())->registerAsService(a.text(0)); })
+            .on("getService",
+                [&](const qt::Args& a) {
+                    sp<IPower> p = IPower::getService(a.text(0), false);
+                    if (p != nullptr) proxy(a) = p;  // the test keeps the proxy it had
+                    return p == nullptr ? "null" : p->isRemote() ? "a remote proxy" : "the service itself";
+                })
+            .on("getStub",
+                [&](const qt::Args& a) {
+                    return IPower::getService(a.text(0), true).get() == static_cast<IPower*>(sims[a.text(0)].get());
+                })
+            .on("call", [&](const qt::Args& a) { return result(proxy(a)->registerScenario()); })
+            .on("calls reaching",
+                [&](const qt::Args& a) { return sims[a.text(0)]->calls(Op::RegisterScenario).size(); })
+            .on("next call fails",
+                [&](const qt::Args& a) {
+                    sims[a.text(0)]->injectTransportFailure(Op::RegisterScenario, qt::transportFailure(a.text(1)));
+                })
+            .on("ping", [&](const qt::Args& a) { return result(proxy(a)->ping()); })
+            .on("link", [&](const qt::Args& a) { return result(proxy(a)->linkToDeath(recipient(a.text(1)), a[2])); })
+            .on("unlink", [&](const qt::Args& a) { return result(proxy(a)->unlinkToDeath(recipient(a.text(1)))); })
+            .on("drop", [&](const qt::Args& a) { recipients.erase(a.text(0)); })
+            .on("kill",  // and wait for its notices, which are noted in between
+                [](const qt::Args& a) {
+                    const bool killed = qt::kill(named(a.text(0)));
+                    return qt::waitForDeathNotices(named(a.text(0))) && killed;
+                })
+            .on("withdraw", [](const qt::Args& a) { return qt::withdraw(named(a.text(0))); })
+            .on("linkToDeath returns false",
+                [=](const qt::Args& a) { qt::makeLinkToDeathReturnFalse(named(a.text(0)), times(a)); })
+            .on("linkToDeath fails",
+                [=](const qt::Args& a) {
+                    qt::makeLinkToDeathFail(named(a.text(0)), qt::transportFailure("link refused"), times(a));
+                })
+            .on("clear linkToDeath faults", [](const qt::Args& a) { qt::clearLinkToDeathFaults(named(a.text(0))); })
+            .on("runtime idle", [] { qrnhost::hidl::waitForRuntimeIdle(); });
+        return s;
+    }
+    void TearDown() override {
+        qt::reset();
+        recipients.clear();
+    }
+    qt::Capture cap;
+    std::mutex lock;
+    std::map<std::string, sp<IPower>> proxies;  // Guarded by lock
+    std::map<std::string, sp<SimPowerService>> sims;
+    std::map<std::string, sp<Noting>> recipients;
+};
+
+TEST_F(Runtime, Transcript) {
+    qt::Transcript t(cap, nullptr);
+    QRN_RUN_SCRIPT(script(t), "runtime");
+}
+
 TEST(HidlDeathTest, AFailedCallEndsTheProcessWhenItsValueIsReadOrItGoesUnchecked) {
     EXPECT_DEATH((void)static_cast<int32_t>(Return<int32_t>(Status::fromStatusT(::android::FAILED_TRANSACTION))),
                  "Attempted to retrieve value from failed HIDL call: Status\\(EX_TRANSACTION_FAILED\\): "
@@ -270,67 +265,6 @@ TEST(HidlDeathTest, AFailedCallEndsTheProcessWhenItsValueIsReadOrItGoesUnchecked
     EXPECT_DEATH({ Return<void> r(qt::deadObject()); }, "Failed HIDL return status not checked");
     Return<void> r(qt::deadObject());
     EXPECT_FALSE(r.isOk());  // checked first: no abort
-}
-
-TEST_F(Harness, RegistryFindsAndLosesServices) {
-    EXPECT_EQ(nullptr, IPower::getService("default", false));
-    sp<SimPowerService> sim = qt::startPowerService();
-    sp<IPower> proxy = IPower::getService("default", false);
-    ASSERT_NE(nullptr, proxy);
-    EXPECT_TRUE(proxy->isRemote());
-    EXPECT_EQ(nullptr, IPower::getService("other", false));
-    // getStub asks for the implementation itself.
-    EXPECT_EQ(static_cast<IPower*>(sim.get()), IPower::getService("default", true).get());
-
-    int32_t h = proxy->registerScenario();
-    EXPECT_TRUE(qt::kill(qt::powerService()));
-    EXPECT_FALSE(qt::kill(qt::powerService()));
-    EXPECT_EQ(nullptr, IPower::getService("default", false));
-    EXPECT_TRUE(proxy->registerScenario().isDeadObject());
-    EXPECT_FALSE(proxy->disableScenario(h).isOk());
-    // Nothing reached the dead service.
-    EXPECT_EQ(1u, sim->calls(Op::RegisterScenario).size());
-    EXPECT_TRUE(sim->calls(Op::DisableScenario).empty());
-}
-
-TEST_F(Harness, DeathReachesAWeaklyHeldRecipientOnceOnTheRuntimeThread) {
-    sp<SimPowerService> sim = qt::startPowerService();
-    sp<IPower> proxy = IPower::getService("default", false);
-    sp<Recipient> r1 = new Recipient;
-    sp<Recipient> r2 = new Recipient;
-    EXPECT_TRUE(static_cast<bool>(proxy->linkToDeath(r1, 11)));
-    EXPECT_TRUE(static_cast<bool>(proxy->linkToDeath(r2, 22)));
-    EXPECT_TRUE(static_cast<bool>(proxy->linkToDeath(r2, 23)));  // not de-duplicated
-    EXPECT_TRUE(static_cast<bool>(proxy->unlinkToDeath(r2)));    // removes the latest link only
-    sp<Recipient> never = new Recipient;
-    EXPECT_FALSE(static_cast<bool>(proxy->unlinkToDeath(never)));
-
-    // Only the runtime's weak reference remains to this one.
-    std::atomic<bool> goneDestroyed{false};
-    sp<Recipient> gone = new Recipient;
-    gone->destroyed = &goneDestroyed;
-    EXPECT_TRUE(static_cast<bool>(proxy->linkToDeath(gone, 33)));
-    gone.clear();
-    EXPECT_TRUE(goneDestroyed);
-
-    // The recipient is held weakly: a recipient alive only through the
-    // runtime's promotion still gets its call.
-    wp<Recipient> weakR1 = r1;
-    qt::kill(qt::powerService());
-    qrnhost::hidl::waitForRuntimeIdle();
-    EXPECT_EQ(1, r1->calls.load());
-    EXPECT_EQ(11u, r1->cookie.load());
-    EXPECT_EQ(1, r2->calls.load());
-    EXPECT_EQ(22u, r2->cookie.load());
-    EXPECT_NE(static_cast<int>(syscall(SYS_gettid)), r1->tid.load());
-    EXPECT_NE(0, r1->tid.load());
-    EXPECT_EQ(proxy.get(), r1->who.promote().get());
-
-    // A later death (of a re-registered service) does not reach them again.
-    sp<SimPowerService> sim2 = qt::startPowerService();
-    qt::kill(qt::powerService());
-    qrnhost::hidl::waitForRuntimeIdle();
-    EXPECT_EQ(1, r1->calls.load());
 }
 
 }  // namespace
