@@ -9,6 +9,7 @@
 #include <cutils/properties.h>
 #include <qrnhost/properties.h>
 #include <future>
+#include <map>
 #include <thread>
 
 #include <qrnhost/allocfault.h>
@@ -62,10 +63,57 @@ class FileCacheTest : public ::testing::Test {
     std::vector<std::string> lines() const { return mCap.texts(qt::Sink::Android, "file_cache"); }
     std::string file(const std::string& name) const { return mDir.file(name); }
 
+    qt::Script script(qt::Transcript& t);
+
     qt::TempDir mDir;
     qt::Capture mCap;
-    uint64_t mStart = 0;
+    uint64_t mStart = 0, mFiller = 0;
+    std::map<std::string, sp<IFileCache>> mCaches;
 };
+
+// The steps of the scenarios in golden/: caches opened by a key (on the
+// file of that name in the test's directory, or on the file given), written
+// and dropped while the worker is held, so that a destructor's lines come
+// before its flush's, as on a busy queue.
+qt::Script FileCacheTest::script(qt::Transcript& t) {
+    t.replace(mDir.path(), "$DIR");
+    qt::Script s(t);
+    s.on("open",
+         [&](const qt::Args& a) {
+             sp<IFileCache>& fc = mCaches[a.text(0)];
+             const std::string name = a.size() < 2 ? a.text(0) : a.text(1);
+             fc = IFileCache::open(name == "nullptr" ? nullptr : name[0] == '/' ? name.c_str() : file(name).c_str());
+             return fc == nullptr ? "null" : "a cache";
+         })
+        .on("write",  // TEXT, or N bytes of BYTE, or nothing (a null pointer)
+            [&](const qt::Args& a) {
+                const std::string data = a.size() == 3 ? std::string(a[1], char(a[2])) : a.size() == 2 ? a.text(1) : "";
+                return mCaches[a.text(0)]->write(a.size() == 1 ? nullptr : data.data(), unsigned(data.size()));
+            })
+        .on("write beyond int", [&](const qt::Args& a) { return mCaches[a.text(0)]->write("x", unsigned(a[1])); })
+        .on("write failing its allocation",
+            [&](const qt::Args& a) {
+                const std::string data(a[1], 'x');
+                qt::AllocFault fault(1);
+                return put(mCaches[a.text(0)], data);
+            })
+        .on("drop",
+            [&](const qt::Args& a) {
+                withWorkerHeld([&] {
+                    for (size_t i = 0; i < a.size(); ++i) mCaches.erase(a.text(i));
+                });
+            })
+        .on("drain", [] { drain(); })
+        .on("files", [&] { t.files(mDir.path()); })
+        .on("charged", [&] { return gCachedBytes.load() - mStart; })
+        .on("charge all of the budget but",
+            [&](const qt::Args& a) {
+                mFiller = property_get_int64("vendor.debug.file_cache.storage_size", 0) - a[0] - gCachedBytes.load();
+                gCachedBytes += mFiller;
+            })
+        .on("release the charge", [&] { gCachedBytes -= mFiller; });
+    return s;
+}
 
 // Caches flushed with the log switch on: the blocks in write order, a file
 // that keeps its old content while its cache lives, two caches for one
@@ -74,38 +122,10 @@ class FileCacheTest : public ::testing::Test {
 TEST_F(FileCacheTest, FlushTranscript) {
     // Failed allocations of earlier tests stay charged for good; they would
     // shift every "remain" line.
-    gCachedBytes = 0;
-    qt::Transcript t(mCap, nullptr);
-    t.replace(mDir.path(), "$DIR");
-    property_set("vendor.debug.file_cache.log", "1");
+    gCachedBytes = mStart = 0;
     qt::writeFile(file("three"), std::string(200, 'o'));
-    auto write = [&](const sp<IFileCache>& fc, const std::string& what, const void* data, unsigned size) {
-        t.step("write " + what);
-        t.note("-> " + std::to_string(fc->write(data, size)));
-    };
-    t.step("open holder");
-    sp<IFileCache> holder = IFileCache::open(file("holder").c_str());
-    const std::string held(300000, 'h'), odd("\x01\x02xy\n", 5), big(100, 'A');
-    write(holder, "300000 bytes", held.data(), 300000);
-    t.step("open three");
-    sp<IFileCache> fc = IFileCache::open(file("three").c_str());
-    write(fc, "abc", "abc", 3);
-    write(fc, "no bytes", nullptr, 0);
-    write(fc, "5 odd bytes", odd.data(), 5);
-    write(fc, "100 bytes", big.data(), 100);
-    drain();
-    t.files(mDir.path());
-    t.step("drop three");
-    withWorkerHeld([&] { fc.clear(); });
-    t.step("open twice, write first then second, drop first then second");
-    sp<IFileCache> first = IFileCache::open(file("twice").c_str()), second = IFileCache::open(file("twice").c_str());
-    write(first, "first", "first", 5);
-    write(second, "second", "second", 6);
-    withWorkerHeld([&] { first.clear(), second.clear(); });
-    t.step("drop holder");
-    withWorkerHeld([&] { holder.clear(); });
-    t.files(mDir.path());
-    QRN_CHECK_TRANSCRIPT(t, "flush");
+    qt::Transcript t(mCap, nullptr);
+    QRN_RUN_SCRIPT(script(t), "flush");
 
     // The name block holds 255 characters: a longer name is cut, never overrun.
     const std::string longName = mDir.path() + "/" + std::string(250, 'n') + "TAIL";
@@ -118,45 +138,7 @@ TEST_F(FileCacheTest, FlushTranscript) {
 // returns, what is logged, and what stays charged.
 TEST_F(FileCacheTest, FaultsTranscript) {
     qt::Transcript t(mCap, nullptr);
-    t.replace(mDir.path(), "$DIR");
-    property_set("vendor.debug.file_cache.storage_size", "-1");  // compared unsigned: lifts the budget
-    t.step("open(nullptr)");
-    t.note(IFileCache::open(nullptr) == nullptr ? "-> null" : "-> a cache");
-    const std::string odd(123457, 'x');
-    sp<IFileCache> fc = IFileCache::open(file("nomem").c_str());
-    t.step("write 123457 bytes whose block cannot be allocated");
-    {
-        qt::AllocFault fault(1);
-        t.note("-> " + std::to_string(put(fc, odd)));
-    }
-    char byte = 0;
-    for (unsigned size : {0x80000000u, 0xFFFFFFFFu}) {
-        t.step("write " + std::to_string(size) + " bytes");
-        t.note("-> " + std::to_string(fc->write(&byte, size)));
-    }
-    t.step("flush into a missing directory");
-    put(IFileCache::open(file("no/such/dir").c_str()), std::string(5000, 'a'));
-    drain();
-    t.step("flush 64 KiB and 128 KiB into /dev/full");
-    fc = IFileCache::open("/dev/full");
-    put(fc, std::string(64 << 10, 'a')), put(fc, std::string(128 << 10, 'b'));
-    fc.clear();
-    drain();
-    t.step("flush two blocks of 100 bytes into /dev/full");
-    fc = IFileCache::open("/dev/full");
-    put(fc, std::string(100, 'c')), put(fc, std::string(100, 'd'));
-    fc.clear();
-    drain();
-    t.note("charged for good: " + std::to_string(gCachedBytes.load() - mStart));
-    // A budget above 4 GiB is read as the 64-bit value it is, and shown in MB.
-    t.step("budget 4 GiB, 5 bytes short of it charged, write 11 bytes");
-    property_set("vendor.debug.file_cache.storage_size", "4294967296");
-    fc = IFileCache::open(file("big").c_str());
-    const uint64_t filler = 4294967296ull - 5 - gCachedBytes.load();
-    gCachedBytes += filler;
-    t.note("-> " + std::to_string(put(fc, "eleven byte")));
-    gCachedBytes -= filler;
-    QRN_CHECK_TRANSCRIPT(t, "faults");
+    QRN_RUN_SCRIPT(script(t), "faults");
 }
 
 // Memory running out at any allocation of open, write or the drop of a
@@ -233,10 +215,6 @@ TEST_F(FileCacheTest, RacingWritersFillTheBudgetExactlyAndNeverOverrunIt) {
     hold.set_value();
     drain();
     EXPECT_EQ(mStart, gCachedBytes.load());
-}
-
-TEST(FileCacheChildTest, DumpsStillQueuedAtExitReachStorageComplete) {
-    EXPECT_EQ("", qrntest::exitDumpProblem(QRNCAM_FILECACHE_CHILD));
 }
 
 // A child made by fork() must neither hang in exit() on a worker it does not
