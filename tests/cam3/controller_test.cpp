@@ -164,37 +164,4 @@ TEST_F(Cam3Test, DeathBetweenTheTwoLockedSectionsOfARequest) {
     EXPECT_EQ(1u, qt::linkedRecipients(qt::powerService()));
 }
 
-TEST_F(Cam3Test, DeathsRacingUsersOnOtherThreads) {
-    // Registering on a service that has just died ends the process by
-    // design, so the racing callers stick to what tolerates a dead service:
-    // counting users, binding and disabling. One user stays for the whole
-    // run: the last uninit unlinks, and a death after that is not heard.
-    // Only WARN and ERROR lines are kept, so the record stays small however
-    // fast the threads go.
-    Capture cap(3, 2, 0);
-    Owned c;
-    ASSERT_TRUE(c->init());
-    std::atomic<bool> stop{false};
-    // A user that stops early leaves its init unmatched, which the end notices.
-    auto churn = [&] {
-        while (!stop && c->init() && c->disable() && c->uninit())
-            std::this_thread::sleep_for(std::chrono::microseconds(50));
-    };
-    std::thread users[] = {std::thread(churn), std::thread(churn), std::thread(churn)};
-    for (int i = 0; i < 50; ++i) {
-        qrnhost::power::killDefaultService();
-        qrnhost::power::startDefaultService();
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    stop = true;
-    for (auto& t : users) t.join();
-    qrnhost::hidl::waitForRuntimeIdle();
-    EXPECT_LT(0u, countAndroid(cap, "[serviceDied] IPower hidl service died"));
-    // Every init was matched, whatever died in between: disable() refuses
-    // only when no user is left.
-    EXPECT_TRUE(c->disable());
-    EXPECT_TRUE(c->uninit());
-    EXPECT_FALSE(c->disable());
-}
-
 }  // namespace

@@ -197,10 +197,10 @@ qrntest::ChildResult runStressChild(const std::string& name, std::vector<std::st
     return qrntest::runChild({"/proc/self/exe", "--gtest_filter=StressChild." + name}, env);
 }
 
-// Controllers on several threads init, request and uninit while the power
-// service is killed and registered again. A request whose value-returning
-// call meets the dead service ends the process by the transport assertion,
-// as on a device; any other end is a fault.
+// Users on several threads init, request and uninit two shared controllers
+// while the power service is killed and registered again. A request whose
+// value-returning call meets the dead service ends the process by the
+// transport assertion, as on a device; any other end is a fault.
 TEST(Stress, ServiceChurnEndsOnlyByTheTransportAssertion) {
     int completed = 0, asserted = 0;
     for (int round = 0; round < 10 * scale(); ++round) {
@@ -234,11 +234,13 @@ TEST(StressChild, ServiceChurn) {
             qrnhost::power::startDefaultService();
         }
     });
+    // One controller of each kind shared by every user, as in a camera
+    // process: the deaths race users of one object.
+    Utils::Cam3CPUCtrl* cam = Utils::Cam3CPUCtrl::createInstance();
+    CpuCtrl* cpu = CpuCtrl::createInstance();
     std::vector<std::thread> users;
     for (int t = 0; t < 4; ++t)
-        users.emplace_back([t] {
-            Utils::Cam3CPUCtrl* cam = Utils::Cam3CPUCtrl::createInstance();
-            CpuCtrl* cpu = CpuCtrl::createInstance();
+        users.emplace_back([t, cam, cpu] {
             CpuCtrl::CPU_CTRL_INFO info{2, 1000, 4, 800, 1};
             for (int i = 0; i < 40; ++i) {
                 cam->init(), cpu->init();
@@ -249,10 +251,14 @@ TEST(StressChild, ServiceChurn) {
                 }
                 cam->uninit(), cpu->uninit();
             }
-            cam->destroyInstance(), cpu->destroyInstance();
         });
     for (auto& u : users) u.join();
     churn.join();
+    // Every init was matched, whatever died in between: with no user left,
+    // requests are refused.
+    EXPECT_FALSE(cam->cpuPerformanceMode(1));
+    EXPECT_FALSE(cpu->disable());
+    cam->destroyInstance(), cpu->destroyInstance();
     qrnhost::hidl::unregisterAll();
 }
 
