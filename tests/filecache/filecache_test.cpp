@@ -8,6 +8,7 @@
 #include <IFileCache.h>
 #include <cutils/properties.h>
 #include <qrnhost/properties.h>
+#include <atomic>
 #include <future>
 #include <map>
 #include <thread>
@@ -142,50 +143,56 @@ TEST_F(FileCacheTest, FaultsTranscript) {
 }
 
 // Memory running out at any allocation of open, write or the drop of a
-// cache: each is a clean, reported failure of that call (null, -1) or, for
-// the drop, a flush on the caller's thread. No exception leaves the library,
-// no lock stays held (the next write on the cache goes through), the file
-// holds exactly the blocks that were accepted, and the budget is back where
-// it was but for a block whose own allocation failed, which keeps its charge.
+// cache, on four threads at once: each is a clean, reported failure of that
+// call (null, -1) or, for the drop, a flush on the caller's thread. No
+// exception leaves the library, no lock stays held (the next write on the
+// cache and the other threads go through), the file holds exactly the
+// blocks that were accepted, and the budget is back where it was but for
+// the blocks whose own allocation failed, which keep their charge.
 TEST_F(FileCacheTest, AllocationFailuresAnywhereInOpenWriteAndDropFailCleanly) {
     if (!qt::AllocFault::available()) GTEST_SKIP() << "operator new cannot be made to fail here";
     const std::string first = "first", second = "second!";
-    bool openFailed = false, cacheUnusable = false, blockFailed = false, appendFailed = false, dropFailed = false;
-    long n = 1;
-    for (;; ++n) {
-        const std::string name = file(std::to_string(n));
-        const uint64_t before = gCachedBytes.load();
-        mCap.clear();
-        qt::AllocFault fault(n);
-        sp<IFileCache> fc = IFileCache::open(name.c_str());
-        const int w1 = fc != nullptr ? put(fc, first) : 0;
-        const int w2 = fc != nullptr ? put(fc, second) : 0;
-        fc.clear();
-        const bool fired = fault.fired();
-        const size_t failedMalloc = fault.failedMallocSize();
-        fault.disarm();
-        drain();
-        SCOPED_TRACE("allocation " + std::to_string(n));
+    std::atomic<bool> openFailed{false}, cacheUnusable{false}, blockFailed{false}, appendFailed{false},
+        dropFailed{false};
+    std::atomic<uint64_t> kept{0};
+    auto sweep = [&](int t) {
+        for (long n = 1;; ++n) {
+            const std::string name = file(std::to_string(t) + "-" + std::to_string(n));
+            qt::AllocFault fault(n);
+            sp<IFileCache> fc = IFileCache::open(name.c_str());
+            const int w1 = fc != nullptr ? put(fc, first) : 0;
+            const int w2 = fc != nullptr ? put(fc, second) : 0;
+            fc.clear();
+            const bool fired = fault.fired();
+            const size_t failedMalloc = fault.failedMallocSize();
+            fault.disarm();
+            drain();
+            SCOPED_TRACE(name);
 
-        const bool opened = w1 != 0;
-        const bool unusable = opened && w1 == -1 && w2 == -1;
-        EXPECT_TRUE(!opened || w1 == -1 || w1 == int(first.size())) << w1;
-        EXPECT_TRUE(!opened || w2 == -1 || w2 == int(second.size())) << w2;
-        EXPECT_EQ(before + (failedMalloc == first.size() || failedMalloc == second.size() ? failedMalloc : 0),
-                  gCachedBytes.load());
-        const std::string want = (w1 > 0 ? first : "") + (w2 > 0 ? second : "");
-        EXPECT_EQ(opened && !unusable, access(name.c_str(), F_OK) == 0);
-        EXPECT_EQ(want, qt::readFile(name));
-        if (!opened || w1 == -1 || w2 == -1) {  // a failed call says so, with the file's name
-            EXPECT_THAT(lines(), ::testing::Contains(::testing::HasSubstr("<" + name + ">")));
+            const bool opened = w1 != 0;
+            const bool unusable = opened && w1 == -1 && w2 == -1;
+            EXPECT_TRUE(!opened || w1 == -1 || w1 == int(first.size())) << w1;
+            EXPECT_TRUE(!opened || w2 == -1 || w2 == int(second.size())) << w2;
+            if (failedMalloc == first.size() || failedMalloc == second.size()) kept += failedMalloc;
+            const std::string want = (w1 > 0 ? first : "") + (w2 > 0 ? second : "");
+            EXPECT_EQ(opened && !unusable, access(name.c_str(), F_OK) == 0);
+            EXPECT_EQ(want, qt::readFile(name));
+            if (!opened || w1 == -1 || w2 == -1) {  // a failed call says so, with the file's name
+                EXPECT_THAT(lines(), ::testing::Contains(::testing::HasSubstr("<" + name + ">")));
+            }
+            openFailed = openFailed || !opened, cacheUnusable = cacheUnusable || unusable;
+            const bool writeFailed = !unusable && (w1 == -1 || w2 == -1);
+            blockFailed = blockFailed || (writeFailed && failedMalloc != 0);
+            appendFailed = appendFailed || (writeFailed && failedMalloc == 0);
+            dropFailed = dropFailed || (fired && w1 > 0 && w2 > 0);
+            if (!fired || HasFailure()) break;
         }
-        openFailed |= !opened, cacheUnusable |= unusable;
-        const bool writeFailed = !unusable && (w1 == -1 || w2 == -1);
-        blockFailed |= writeFailed && failedMalloc != 0, appendFailed |= writeFailed && failedMalloc == 0;
-        dropFailed |= fired && w1 > 0 && w2 > 0;
-        if (!fired || HasFailure()) break;
-    }
-    EXPECT_TRUE(openFailed && cacheUnusable && blockFailed && appendFailed && dropFailed) << "after " << n;
+    };
+    std::thread threads[] = {std::thread(sweep, 0), std::thread(sweep, 1), std::thread(sweep, 2),
+                             std::thread(sweep, 3)};
+    for (auto& t : threads) t.join();
+    EXPECT_EQ(mStart + kept, gCachedBytes.load());
+    EXPECT_TRUE(openFailed && cacheUnusable && blockFailed && appendFailed && dropFailed);
 }
 
 TEST_F(FileCacheTest, RacingWritersFillTheBudgetExactlyAndNeverOverrunIt) {
