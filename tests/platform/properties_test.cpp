@@ -59,27 +59,24 @@ TEST_F(Properties, ValueLimitAndClear) {
     EXPECT_EQ(3, property_get("t.long", buf, "def"));
 }
 
-TEST_F(Properties, StartupFileIsLoadedBeforeTheFirstRead) {
-    qt::TempDir dir;
-    std::string path = dir.file("props");
-    qt::writeFile(path, "# camera\n\n vendor.debug.file_cache.log = 1 \nvendor.x=0x20\n");
-    setenv(qrnhost::properties::kFileEnv, path.c_str(), 1);
-    qrnhost::properties::reset();
-    EXPECT_EQ(1, property_get_int32("vendor.debug.file_cache.log", 0));
-    EXPECT_EQ(32, property_get_int32("vendor.x", 0));
-    // A later set wins over the file.
-    property_set("vendor.x", "5");
-    EXPECT_EQ(5, property_get_int32("vendor.x", 0));
-    unsetenv(qrnhost::properties::kFileEnv);
-}
-
-TEST_F(Properties, MalformedFileIsRefusedWhole) {
+// A malformed file is refused whole, naming its line; a good one is loaded
+// before the first read, and a later set wins over it.
+TEST_F(Properties, StartupFile) {
     qt::TempDir dir;
     qt::writeFile(dir.file("bad"), "a=1\nnot an assignment\nb=2\n");
     int line = 0;
     EXPECT_EQ(-1, qrnhost::properties::loadFile(dir.file("bad"), &line));
     EXPECT_EQ(2, line);
     EXPECT_EQ(-1, property_get_int32("a", -1));
+
+    qt::writeFile(dir.file("props"), "# camera\n\n vendor.debug.file_cache.log = 1 \nvendor.x=0x20\n");
+    setenv(qrnhost::properties::kFileEnv, dir.file("props").c_str(), 1);
+    qrnhost::properties::reset();
+    EXPECT_EQ(1, property_get_int32("vendor.debug.file_cache.log", 0));
+    EXPECT_EQ(32, property_get_int32("vendor.x", 0));
+    property_set("vendor.x", "5");
+    EXPECT_EQ(5, property_get_int32("vendor.x", 0));
+    unsetenv(qrnhost::properties::kFileEnv);
 }
 
 TEST_F(Properties, ConcurrentReadersAndWritersAgree) {

@@ -17,7 +17,10 @@ namespace {
 
 namespace qt = qrnhost::testing;
 
-TEST(Trace, SetupLoadsTheTagsFromTheProperty) {
+// The tags are read from the property at the first traced call after a
+// setup reset, once; sections go to the observer and, in the device's form,
+// to the marker file.
+TEST(Trace, TagsFromThePropertyAndSectionsInDeviceForm) {
     qt::TempDir dir;
     ASSERT_TRUE(qrnhost::trace::setMarkerPath(dir.file("marker")));
     property_set(qrnhost::trace::kTagsProperty, "0x400");
@@ -28,14 +31,22 @@ TEST(Trace, SetupLoadsTheTagsFromTheProperty) {
     EXPECT_TRUE(atrace_is_tag_enabled(ATRACE_TAG_ALWAYS));  // always on, as on a device
     EXPECT_FALSE(atrace_is_tag_enabled(ATRACE_TAG_GRAPHICS));
     EXPECT_TRUE(atrace_is_ready.load(std::memory_order_acquire));
-    EXPECT_EQ(before + 1, qrnhost::trace::setupCount());
-    atrace_is_tag_enabled(ATRACE_TAG_CAMERA);  // ready: no second setup
-    EXPECT_EQ(before + 1, qrnhost::trace::setupCount());
+    EXPECT_EQ(before + 1, qrnhost::trace::setupCount());  // ready: no second setup
+
+    std::vector<qrnhost::trace::Event> events;
+    qrnhost::trace::setObserver([&](const qrnhost::trace::Event& e) { events.push_back(e); });
+    atrace_begin_body("CpuCtrl::init");
+    atrace_end_body();
+    qrnhost::trace::setObserver(nullptr);
+    qrnhost::trace::setMarkerPath("");
+    ASSERT_EQ(2u, events.size());
+    EXPECT_TRUE(events[0].begin && events[0].name == "CpuCtrl::init" && !events[1].begin);
+    std::string pid = std::to_string(getpid());
+    EXPECT_EQ("B|" + pid + "|CpuCtrl::init\nE|" + pid + "\n", qt::readFile(dir.file("marker")));
 
     property_set(qrnhost::trace::kTagsProperty, "0");
     qrnhost::trace::resetSetup();
     EXPECT_FALSE(atrace_is_tag_enabled(ATRACE_TAG_CAMERA));
-    qrnhost::trace::setMarkerPath("");
 }
 
 // Threads that make their first traced call together must not each rewrite
@@ -59,24 +70,6 @@ TEST(Trace, ConcurrentFirstCallsSetUpOnce) {
     }
     property_set(qrnhost::trace::kTagsProperty, "0");
     qrnhost::trace::resetSetup();
-}
-
-TEST(Trace, SectionsReachTheObserverAndTheMarkerInDeviceForm) {
-    qt::TempDir dir;
-    std::string marker = dir.file("marker");
-    ASSERT_TRUE(qrnhost::trace::setMarkerPath(marker));
-    std::vector<qrnhost::trace::Event> events;
-    qrnhost::trace::setObserver([&](const qrnhost::trace::Event& e) { events.push_back(e); });
-    atrace_begin_body("CpuCtrl::init");
-    atrace_end_body();
-    qrnhost::trace::setObserver(nullptr);
-    qrnhost::trace::setMarkerPath("");
-    ASSERT_EQ(2u, events.size());
-    EXPECT_TRUE(events[0].begin);
-    EXPECT_EQ("CpuCtrl::init", events[0].name);
-    EXPECT_FALSE(events[1].begin);
-    std::string pid = std::to_string(getpid());
-    EXPECT_EQ("B|" + pid + "|CpuCtrl::init\nE|" + pid + "\n", qt::readFile(marker));
 }
 
 }  // namespace
