@@ -60,7 +60,7 @@ class FileCacheTest : public ::testing::Test {
         drain();
         mStart = gCachedBytes.load();
     }
-    void TearDown() override { drain(); }
+    void TearDown() override { mCaches.clear(), drain(); }
     std::vector<std::string> lines() const { return mCap.texts(qt::Sink::Android, "file_cache"); }
     std::string file(const std::string& name) const { return mDir.file(name); }
 

@@ -14,13 +14,14 @@
 //
 //   qrnhost::testing::Capture cap;
 //   qrnhost::testing::Transcript t(cap, sim);
-//   qrnhost::testing::Steps run{t};
-//   run("init", [&] { return ctrl->init(); });
+//   t.step("init");
+//   t.note(ctrl->init() ? "-> true" : "-> false");
 //   const std::string diff = t.compare("golden/init.txt", "out/init.txt");
 //   EXPECT_TRUE(diff.empty()) << diff;
 //
 // A transcript file is data, written and reviewed line by line; lines
 // starting with '#' are comments. Nothing here ever writes the golden file.
+// A Script (below) runs the steps that a transcript file names.
 #pragma once
 
 #include <functional>
@@ -67,15 +68,6 @@ class Transcript {
     Capture& mCap;
     android::sp<power::SimPowerService> mSim;
     std::vector<std::pair<std::string, std::string>> mReplace;
-};
-
-// One step of a scenario: its name, what it made happen, what it returned.
-struct Steps {
-    Transcript& t;
-    void operator()(const std::string& what, const std::function<bool()>& call) const {
-        t.step(what);
-        t.note(call() ? "-> true" : "-> false");
-    }
 };
 
 // The arguments of a step: the words between its parentheses, split at
