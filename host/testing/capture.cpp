@@ -61,6 +61,7 @@ Capture::Capture(uint32_t mode, uint32_t detailsLevel, uint32_t mask, bool camer
 }
 
 Capture::~Capture() {
+    release();
     qrnhost::trace::setObserver(nullptr);
     gCurrent.store(nullptr);
     sMode = mSavedMode;
@@ -83,8 +84,30 @@ void Capture::logNormal(uint32_t moduleId, const char* tag, int32_t level, const
 }
 
 void Capture::add(Record r) {
-    std::lock_guard<std::mutex> g(mLock);
+    std::unique_lock<std::mutex> g(mLock);
+    const bool hold = mHold == Hold::Armed && r.sink != Sink::TraceEnd && r.sink != Sink::Note && r.text == mHoldText;
     mRecords.push_back(std::move(r));
+    if (!hold) return;
+    mHold = Hold::Held;
+    mHoldChanged.notify_all();
+    mHoldChanged.wait(g, [this] { return mHold == Hold::Released; });
+}
+
+void Capture::holdAt(std::string text) {
+    std::lock_guard<std::mutex> g(mLock);
+    mHoldText = std::move(text);
+    mHold = Hold::Armed;
+}
+
+void Capture::waitUntilHeld() {
+    std::unique_lock<std::mutex> g(mLock);
+    mHoldChanged.wait(g, [this] { return mHold == Hold::Held || mHold == Hold::Released; });
+}
+
+void Capture::release() {
+    std::lock_guard<std::mutex> g(mLock);
+    mHold = Hold::Released;
+    mHoldChanged.notify_all();
 }
 
 std::vector<Record> Capture::records() const {

@@ -9,8 +9,6 @@
 #include <qrnhost/PowerSim.h>
 #include <qrnhost/hidl.h>
 #include <qrnhost/testing.h>
-#include <atomic>
-#include <future>
 #include <memory>
 #include <optional>
 #include <thread>
@@ -96,49 +94,35 @@ TEST_F(Cam3Test, BindingTranscript) {
     QRN_RUN_SCRIPT(script(t), "binding");
 }
 
-// A capture that stops the first thread writing a given unified-logger line
-// until the test opens it.
-struct Gate : Capture {
-    explicit Gate(std::string line) : line(std::move(line)) {}
-    void logNormal(uint32_t module, const char* tag, int32_t level, const char* text, int64_t length) override {
-        Capture::logNormal(module, tag, level, text, length);
-        if (line != text || seen.exchange(true)) return;
-        held.set_value();
-        opened.wait();
-    }
-    const std::string line;
-    std::atomic<bool> seen{false};
-    std::promise<void> held, open;
-    std::shared_future<void> opened = open.get_future();
-};
-
 TEST_F(Cam3Test, DestroyDuringServiceDiedDefersTheDestructor) {
-    Gate gate("[serviceDied] IPower hidl service died");
+    Capture cap;
+    cap.holdAt("[serviceDied] IPower hidl service died");
     Owned c;
     ASSERT_TRUE(c->init());
     ASSERT_TRUE(qrnhost::power::killDefaultService());
-    gate.held.get_future().wait();  // the runtime holds the promoted recipient now
+    cap.waitUntilHeld();  // the runtime holds the promoted recipient now
     c.reset();
-    EXPECT_FALSE(gate.hasAndroid(ANDROID_LOG_DEBUG, "Cam3CPUCtrl_util", "[~Cam3CPUCtrlImp] "));
-    gate.open.set_value();  // serviceDied returns and lets go of the last reference
+    EXPECT_FALSE(cap.hasAndroid(ANDROID_LOG_DEBUG, "Cam3CPUCtrl_util", "[~Cam3CPUCtrlImp] "));
+    cap.release();  // serviceDied returns and lets go of the last reference
     qrnhost::hidl::waitForRuntimeIdle();
-    EXPECT_TRUE(gate.hasAndroid(ANDROID_LOG_DEBUG, "Cam3CPUCtrl_util", "[~Cam3CPUCtrlImp] "));
+    EXPECT_TRUE(cap.hasAndroid(ANDROID_LOG_DEBUG, "Cam3CPUCtrl_util", "[~Cam3CPUCtrlImp] "));
 }
 
 TEST_F(Cam3Test, DeathBetweenTheTwoLockedSectionsOfARequest) {
     // disable() writes its "+" line in the gap where the request has let
     // go of its lock.
-    Gate gate("[disable] +");
+    Capture cap;
+    cap.holdAt("[disable] +");
     Owned c;
     ASSERT_TRUE(c->init());
     ASSERT_TRUE(c->cpuPerformanceMode(0));
     bool result = false;
     std::thread caller([&] { result = c->cpuPerformanceMode(50); });
-    gate.held.get_future().wait();
+    cap.waitUntilHeld();
     ASSERT_TRUE(qrnhost::power::killDefaultService());
     qrnhost::hidl::waitForRuntimeIdle();  // serviceDied has run
     auto next = qrnhost::power::startDefaultService();
-    gate.open.set_value();
+    cap.release();
     caller.join();
     EXPECT_TRUE(result);
     Strings calls;

@@ -14,6 +14,7 @@
 #include <stdint.h>
 
 #include <qrncam/utils/ULog.h>
+#include <condition_variable>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -61,12 +62,31 @@ class Capture : public NSCam::Utils::ULog::ULogger {
     // its place among the captured records.
     void note(std::string text);
 
+    // Stops the first thread that logs text (to either sink) or begins a
+    // trace section of that name, from now on, until release(). What the
+    // test does in between happens at that exact point of the other
+    // thread's call: a controller destroyed while its serviceDied() runs on
+    // the runtime thread, say.
+    //   cap.holdAt("[serviceDied] IPower hidl service died");
+    //   qt::kill(qt::powerService());
+    //   cap.waitUntilHeld();
+    //   ... destroy the controller ...
+    //   cap.release();
+    // The destructor releases a thread still held.
+    void holdAt(std::string text);
+    void waitUntilHeld();
+    void release();
+
   private:
     friend struct CaptureHooks;
     void add(Record r);
 
+    enum class Hold { None, Armed, Held, Released };
     mutable std::mutex mLock;
+    std::condition_variable mHoldChanged;
     std::vector<Record> mRecords;  // Guarded by mLock
+    Hold mHold = Hold::None;       // Guarded by mLock
+    std::string mHoldText;         // Guarded by mLock
     uint32_t mSavedMode, mSavedLevel, mSavedMask;
     ULogger* mSavedLogger;
 };
