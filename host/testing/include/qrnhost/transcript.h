@@ -114,7 +114,7 @@ class Script {
             };
             using R = decltype(call());
             if constexpr (std::is_void_v<R>)
-                call();
+                call(), (void)t;
             else if constexpr (std::is_same_v<R, bool>)
                 t->note(call() ? "-> true" : "-> false");
             else if constexpr (std::is_arithmetic_v<R>)
