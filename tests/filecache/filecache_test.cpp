@@ -14,6 +14,7 @@
 #include <thread>
 
 #include <qrnhost/allocfault.h>
+#include <qrnhost/filecache.h>
 #include <qrnhost/transcript.h>
 #include "FileCacheInternal.h"
 
@@ -126,7 +127,27 @@ TEST_F(FileCacheTest, FlushTranscript) {
     gCachedBytes = mStart = 0;
     qt::writeFile(file("three"), std::string(200, 'o'));
     qt::Transcript t(mCap, nullptr);
+    // What the host platform is told, in its place among the log lines: the
+    // budget after each charge and credit, and each flush from queue to end.
+    namespace fc = qrnhost::filecache;
+    std::map<const void*, int> flushes;  // by the note's flush pointer: 1, 2, ... in queue order
+    const int observer = fc::addObserver([&](const fc::Note& n) {
+        std::string line = std::string("filecache ") + fc::eventName(n.event);
+        if (n.flush != nullptr) {
+            if (n.event == fc::Event::Queue) flushes[n.flush] = static_cast<int>(flushes.size()) + 1;
+            line += " #" + std::to_string(flushes[n.flush]);
+        }
+        if (n.name != nullptr) line += std::string(" <") + n.name + ">";
+        if (n.event != fc::Event::Open && n.event != fc::Event::Begin && n.event != fc::Event::End)
+            line += " " + std::to_string(n.bytes) + " bytes";
+        if (n.event == fc::Event::Write || n.event == fc::Event::Refuse || n.event == fc::Event::Credit)
+            line += ", charged " + std::to_string(n.charged);
+        if (n.event == fc::Event::End) line += n.ok ? ", ok" : ", failed";
+        t.note(line);
+    });
     QRN_RUN_SCRIPT(script(t), "flush");
+    fc::removeObserver(observer);
+    EXPECT_EQ(0u, fc::charged());
 
     // The name block holds 255 characters: a longer name is cut, never overrun.
     const std::string longName = mDir.path() + "/" + std::string(250, 'n') + "TAIL";

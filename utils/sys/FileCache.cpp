@@ -15,6 +15,7 @@
 #include <cutils/properties.h>
 
 #include "FileCacheInternal.h"
+#include "FileCacheObserve.h"
 
 #include <climits>
 #include <list>
@@ -270,9 +271,11 @@ pthread_mutex_t* newCachedBytesLock() {
 }
 
 // Gives written (or abandoned) bytes back to the budget.
-void credit(unsigned int bytes) {
+void credit(const void* flush, unsigned int bytes) {
+    (void)flush;  // names the flush to the host's note only
     pthread_mutex_lock(gCachedBytesLock);
     gCachedBytes.store(gCachedBytes.load(std::memory_order_relaxed) - bytes, std::memory_order_relaxed);
+    QRN_FILECACHE_NOTE(Credit, nullptr, flush, nullptr, bytes, gCachedBytes.load(std::memory_order_relaxed), 0, true);
     pthread_mutex_unlock(gCachedBytesLock);
 }
 
@@ -314,6 +317,8 @@ struct FlushJob {
         // for at least one chunk.
         const int n = chunks == nullptr ? 0 : static_cast<int>(chunks->size());
         char data[kPreviewBytes + 1];
+        QRN_FILECACHE_NOTE(Begin, nullptr, chunks, fileName, 0, 0, 0, true);
+        bool written = true;
 
         FILE* fp = fileName == nullptr ? nullptr : fopen(fileName, "wb");
         if (fp != nullptr) {
@@ -325,20 +330,27 @@ struct FlushJob {
                 // the same; nothing is retried.
                 if (fwrite(c.first, 1, c.second, fp) != c.second) {
                     FC_LOGE("<%s> write error!!!", fileName);
+                    written = false;
                 }
             }
             // Chunks smaller than the stream's buffer reach the file only
             // here, and a full or broken storage fails them only here: data
             // lost at the close is reported as any short write is.
-            if (fclose(fp) != 0) FC_LOGE("<%s> write error!!!", fileName);
+            if (fclose(fp) != 0) {
+                FC_LOGE("<%s> write error!!!", fileName);
+                written = false;
+            }
         } else {
             FC_LOGE("Fail to open physical file <%s>", fileName == nullptr ? "" : fileName);
+            written = false;
         }
 
         char name[kNameBlockSize];
         release(fileName, chunks, name);
         FC_LOGI(logEnabled(), "<%s> write done, (remain = %d KB)", name,
                 static_cast<int>(gCachedBytes.load(std::memory_order_relaxed) >> 10));
+        QRN_FILECACHE_NOTE(End, nullptr, chunks, name, 0, 0, 0, written);
+        (void)written;  // read only by the host's note
     }
 
     // Frees every block and credits it, then the list and the name block,
@@ -351,7 +363,7 @@ struct FlushJob {
             FC_LOGD(logEnabled(), "<%s> free %d bytes (%d/%d)", preview(data, c.first, c.second),
                     static_cast<int>(c.second), i, n);
             free(c.first);
-            credit(c.second);
+            credit(chunks, c.second);
         }
         if (chunks != nullptr) {
             chunks->clear();
@@ -377,8 +389,11 @@ class PendingFlush {
     ~PendingFlush() {
         if (mFileName == nullptr && mChunks == nullptr) return;
         if (mPoster == getpid()) FC_LOGE("<%s> write error!!!", mFileName == nullptr ? "" : mFileName);
+        const Chunks* flush = mChunks;
         char name[kNameBlockSize];
         FlushJob::release(mFileName, mChunks, name);
+        QRN_FILECACHE_NOTE(Discard, nullptr, flush, name, 0, 0, 0, false);
+        (void)flush;
     }
 
     void run() {
@@ -435,6 +450,7 @@ FileCache::FileCache(const char* fileName) : mFileName(nullptr), mChunks(nullptr
     gStorageLimit.store(property_get_int64("vendor.debug.file_cache.storage_size", kDefaultStorageSize),
                         std::memory_order_relaxed);
     FC_LOGI(logEnabled(), "Initialize FileCache <%s>", fileName);
+    QRN_FILECACHE_NOTE(Open, this, nullptr, fileName, 0, 0, 0, true);
 
     mFileName = static_cast<char*>(calloc(1, kNameBlockSize));
     if (mFileName == nullptr) {
@@ -482,6 +498,7 @@ int FileCache::write(const void* data, unsigned int size) {
     const uint64_t limit = static_cast<uint64_t>(gStorageLimit.load(std::memory_order_relaxed));
     const uint64_t cached = gCachedBytes.load(std::memory_order_relaxed);
     if (cached + size > limit) {
+        QRN_FILECACHE_NOTE(Refuse, this, nullptr, mFileName, size, cached, static_cast<int64_t>(limit), false);
         pthread_mutex_unlock(gCachedBytesLock);
         FC_LOGE("<%s> Storage size exceed %uMB/%uMB", mFileName,
                 static_cast<unsigned>(gCachedBytes.load(std::memory_order_relaxed) >> 20),
@@ -489,6 +506,7 @@ int FileCache::write(const void* data, unsigned int size) {
         result = -1;
     } else {
         gCachedBytes.store(cached + size, std::memory_order_relaxed);
+        QRN_FILECACHE_NOTE(Write, this, nullptr, mFileName, size, cached + size, static_cast<int64_t>(limit), true);
         pthread_mutex_unlock(gCachedBytesLock);
 
         void* block = malloc(size);
@@ -508,7 +526,7 @@ int FileCache::write(const void* data, unsigned int size) {
                 result = static_cast<int>(size);
             } catch (const std::bad_alloc&) {
                 free(block);
-                credit(size);
+                credit(nullptr, size);
                 FC_LOGE("<%s> Fail to allocate memory", mFileName);
                 result = -1;
             }
@@ -519,6 +537,12 @@ int FileCache::write(const void* data, unsigned int size) {
 }
 
 void writeToFile(char* fileName, std::vector<std::pair<void*, unsigned int>>* chunks) {
+#if defined(QRNCAM_HOST_OBSERVE)
+    uint64_t bytes = 0;
+    if (chunks != nullptr)
+        for (const auto& c : *chunks) bytes += c.second;
+    QRN_FILECACHE_NOTE(Queue, nullptr, chunks, fileName, bytes, 0, 0, true);
+#endif
     std::shared_ptr<PendingFlush> flush;
     try {
         flush = std::make_shared<PendingFlush>(fileName, chunks);

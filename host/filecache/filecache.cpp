@@ -1,0 +1,106 @@
+#include <qrnhost/filecache.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <utility>
+#include <vector>
+
+namespace qrnhost::filecache {
+namespace {
+
+struct State {
+    std::mutex lock;
+    std::condition_variable over;
+    std::vector<std::pair<int, Observer>> observers;  // guarded by lock
+    int nextId = 1;                                   // guarded by lock
+    std::atomic<size_t> observerCount{0};             // lets a note skip the lock when nobody listens
+    std::atomic<uint64_t> queued{0};
+    std::atomic<uint64_t> done{0};
+    std::atomic<uint64_t> charged{0};
+};
+
+State& state() {
+    static auto* s = new State;  // never destroyed: flushes run in exit handlers
+    return *s;
+}
+
+}  // namespace
+
+const char* eventName(Event e) {
+    switch (e) {
+        case Event::Open: return "open";
+        case Event::Write: return "write";
+        case Event::Refuse: return "refuse";
+        case Event::Queue: return "queue";
+        case Event::Begin: return "begin";
+        case Event::Credit: return "credit";
+        case Event::End: return "end";
+        case Event::Discard: return "discard";
+    }
+    return "?";
+}
+
+void note(const Note& n) {
+    State& s = state();
+    switch (n.event) {
+        case Event::Write:
+        case Event::Refuse:
+        case Event::Credit: s.charged.store(n.charged, std::memory_order_relaxed); break;
+        case Event::Queue: s.queued.fetch_add(1, std::memory_order_acq_rel); break;
+        default: break;
+    }
+    if (s.observerCount.load(std::memory_order_acquire) != 0) {
+        std::lock_guard<std::mutex> g(s.lock);
+        for (const auto& [id, observer] : s.observers) observer(n);
+    }
+    if (n.event == Event::End || n.event == Event::Discard) {
+        std::lock_guard<std::mutex> g(s.lock);
+        s.done.fetch_add(1, std::memory_order_acq_rel);
+        s.over.notify_all();
+    }
+}
+
+int addObserver(Observer observer) {
+    State& s = state();
+    std::lock_guard<std::mutex> g(s.lock);
+    const int id = s.nextId++;
+    s.observers.emplace_back(id, std::move(observer));
+    s.observerCount.store(s.observers.size(), std::memory_order_release);
+    return id;
+}
+
+void removeObserver(int id) {
+    State& s = state();
+    std::lock_guard<std::mutex> g(s.lock);
+    for (auto it = s.observers.begin(); it != s.observers.end(); ++it) {
+        if (it->first == id) {
+            s.observers.erase(it);
+            break;
+        }
+    }
+    s.observerCount.store(s.observers.size(), std::memory_order_release);
+}
+
+uint64_t flushesQueued() {
+    return state().queued.load(std::memory_order_acquire);
+}
+
+uint64_t flushesOver() {
+    return state().done.load(std::memory_order_acquire);
+}
+
+bool waitForFlushes(std::chrono::milliseconds timeout) {
+    State& s = state();
+    // The queue runs flushes in the order they were handed over, so once as
+    // many are over as were queued at the call, those are all over.
+    const uint64_t target = s.queued.load(std::memory_order_acquire);
+    std::unique_lock<std::mutex> lk(s.lock);
+    return s.over.wait_for(lk, timeout, [&] { return s.done.load(std::memory_order_acquire) >= target; });
+}
+
+uint64_t charged() {
+    return state().charged.load(std::memory_order_relaxed);
+}
+
+}  // namespace qrnhost::filecache
