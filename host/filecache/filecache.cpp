@@ -32,6 +32,7 @@ const char* eventName(Event e) {
         case Event::Open: return "open";
         case Event::Write: return "write";
         case Event::Refuse: return "refuse";
+        case Event::Drop: return "drop";
         case Event::Queue: return "queue";
         case Event::Begin: return "begin";
         case Event::Credit: return "credit";

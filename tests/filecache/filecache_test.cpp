@@ -134,11 +134,12 @@ TEST_F(FileCacheTest, FlushTranscript) {
     const int observer = fc::addObserver([&](const fc::Note& n) {
         std::string line = std::string("filecache ") + fc::eventName(n.event);
         if (n.flush != nullptr) {
-            if (n.event == fc::Event::Queue) flushes[n.flush] = static_cast<int>(flushes.size()) + 1;
+            if (n.event == fc::Event::Drop) flushes[n.flush] = static_cast<int>(flushes.size()) + 1;
             line += " #" + std::to_string(flushes[n.flush]);
         }
         if (n.name != nullptr) line += std::string(" <") + n.name + ">";
-        if (n.event != fc::Event::Open && n.event != fc::Event::Begin && n.event != fc::Event::End)
+        if (n.event != fc::Event::Open && n.event != fc::Event::Drop && n.event != fc::Event::Begin &&
+            n.event != fc::Event::End)
             line += " " + std::to_string(n.bytes) + " bytes";
         if (n.event == fc::Event::Write || n.event == fc::Event::Refuse || n.event == fc::Event::Credit)
             line += ", charged " + std::to_string(n.charged);

@@ -473,6 +473,7 @@ FileCache::~FileCache() {
     char name[kNameBlockSize];
     copyName(name, mFileName);
     // Without a name block there is no file to flush into and no blocks.
+    QRN_FILECACHE_NOTE(Drop, this, mChunks, name, 0, 0, 0, mChunks != nullptr);
     if (mChunks != nullptr) writeToFile(mFileName, mChunks);
     FC_LOGI(logEnabled(), "<%s> Dealloc of FileCache", name);
     pthread_mutex_destroy(&mLock);

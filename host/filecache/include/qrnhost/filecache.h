@@ -16,7 +16,8 @@ enum class Event : uint8_t {
     Open,     // a cache was made for name
     Write,    // a block of bytes was charged to the budget (charged: the total after)
     Refuse,   // a block of bytes did not fit the budget (charged: the total, unchanged)
-    Queue,    // a cache's blocks (bytes in all) were handed to the flush named by flush
+    Drop,     // the cache's last reference went: its blocks go to the flush named by flush
+    Queue,    // blocks (bytes in all) were handed to the flush named by flush
     Begin,    // the flush started writing name, on the thread that runs it
     Credit,   // bytes of a block the flush released went back to the budget
     End,      // the flush is over; ok when every block reached the file
@@ -26,8 +27,8 @@ const char* eventName(Event e);
 
 struct Note {
     Event event = Event::Open;
-    const void* cache = nullptr;  // Open, Write, Refuse
-    const void* flush = nullptr;  // Queue, Begin, Credit, End, Discard: one flush from Queue to End or Discard
+    const void* cache = nullptr;  // Open, Write, Refuse, Drop
+    const void* flush = nullptr;  // Drop, Queue, Begin, Credit, End, Discard: one flush from Queue to End or Discard
     const char* name = nullptr;   // the file name (not for Credit)
     uint64_t bytes = 0;
     uint64_t charged = 0;  // the budget's total after the step (Write, Refuse, Credit)
