@@ -9,7 +9,7 @@ cross=0
 [ "${1:-}" = "--cross" ] && cross=1
 
 pkgs=(cmake ninja-build g++ file python3 clang clang-tidy clang-format libclang-rt-14-dev dpkg-dev pkg-config
-      libgtest-dev libgmock-dev googletest libbenchmark-dev libboost-dev valgrind
+      libgtest-dev libgmock-dev googletest libbenchmark-dev libboost-dev valgrind nlohmann-json3-dev
       libc++-dev libc++abi-dev blueprint-tools mini-soong
       android-libutils-dev android-liblog-dev android-libbase-dev android-libcutils-dev)
 cross_pkgs=(g++-aarch64-linux-gnu qemu-user android-libutils-dev:arm64 android-liblog-dev:arm64
