@@ -84,11 +84,11 @@ TEST_F(SessionChildTest, BadInputIsRefusedBeforeAnythingRuns) {
 }
 
 TEST_F(SessionChildTest, FailuresEndCleanlyAndRemoveTheTemporaryDirectory) {
-    // The summary cannot be written (as on a full disk): no crash reading it.
-    fs::create_directories(out.file("session.txt"));
+    // The record cannot be written (as on a full disk): no crash reading it.
+    fs::create_directories(out.file("record.jsonl"));
     qrntest::ChildResult r = run({"--out", out.path()});
     EXPECT_EQ(1, exitCode(r)) << r.output;
-    EXPECT_NE(std::string::npos, r.output.find("cannot write " + out.file("session.txt"))) << r.output;
+    EXPECT_NE(std::string::npos, r.output.find("cannot write " + out.file("record.jsonl"))) << r.output;
 
     // A second session in a directory that one is using.
     int fd = open(out.file(".qrncam_session.lock").c_str(), O_RDWR | O_CREAT, 0644);

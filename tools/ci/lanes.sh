@@ -88,17 +88,29 @@ lane_arm64() { tools/ci/arm64.sh; }
 lane_device() { tools/ci/device.sh; }
 
 lane_report() {
-  # The session's report page opened in a real browser. Debian's chromium is
-  # installed here, not by install-deps: only this lane needs it.
-  if ! command -v chromium >/dev/null; then
+  # The session's page and trace opened by programs somebody else wrote: the
+  # page in headless chromium, the trace in speedscope's built page served on
+  # loopback. Debian's chromium (and Node's npm, where the machine has none)
+  # are installed here, not by install-deps: only this lane needs them.
+  # speedscope comes from the machine's own npm registry, at a fixed version.
+  local missing=()
+  command -v chromium >/dev/null || missing+=(chromium)
+  command -v npm >/dev/null || missing+=(nodejs npm)
+  if [ "${#missing[@]}" -gt 0 ]; then
     SUDO=""
     [ "$(id -u)" = 0 ] || SUDO=sudo
     $SUDO apt-get update -qq
-    DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq --no-install-recommends chromium >/dev/null
+    DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+  fi
+  local speedscope="$root/build/speedscope/node_modules/speedscope/dist/release"
+  if [ ! -f "$speedscope/index.html" ]; then
+    npm install --prefix "$root/build/speedscope" --no-save --no-package-lock --no-audit --no-fund \
+      speedscope@1.25.0 >/dev/null
   fi
   cmake --preset default >/dev/null
   cmake --build --preset default -j"$jobs" --target qrncam_session
   python3 tests/session/check_report.py build/default/bin/qrncam_session
+  python3 tests/session/check_speedscope.py build/default/bin/qrncam_session "$speedscope"
 }
 
 lane_fuzz() { QRNCAM_FUZZ_BUILD_DIR="$root/build/fuzz" tools/ci/fuzz.sh "${QRNCAM_FUZZ_SECONDS:-60}"; }
