@@ -25,7 +25,7 @@ set_property(TARGET qrncam_sysutils qrnhost_testing APPEND PROPERTY INSTALL_RPAT
 install(DIRECTORY include/ DESTINATION ${QRNCAM_INSTALL_INCDIR})
 # An example project of camera code tested with the harness, to start from.
 install(DIRECTORY host/testing/example/ DESTINATION ${CMAKE_INSTALL_DATADIR}/qrncam_sysutils/example)
-foreach(dir host/properties/include host/hidl/include host/camera/include host/trace/include host/kernelfs/include
+foreach(dir host/common/include host/properties/include host/hidl/include host/camera/include host/trace/include host/kernelfs/include
             host/powersim/include host/power_client/include host/perfsim/include host/testing/include utils/power)
   install(DIRECTORY ${dir}/ DESTINATION ${QRNCAM_INSTALL_INCDIR}/platform)
 endforeach()

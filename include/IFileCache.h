@@ -4,7 +4,7 @@
 // never waits for storage.
 #pragma once
 
-#include <pthread.h>
+#include <utils/Mutex.h>
 #include <utils/RefBase.h>
 #include <utils/StrongPointer.h>
 
@@ -27,6 +27,11 @@ class IFileCache : public virtual android::RefBase {
 
 }  // namespace NSCam
 
+// The file caches' process-wide byte-count lock. It belongs to the library
+// and is not exported: it is declared here only so that the order of the two
+// locks can be stated beside mLock, for clang's -Wthread-safety to check.
+extern android::Mutex* gCachedBytesLock;
+
 class FileCache : public NSCam::IFileCache {
   public:
     explicit FileCache(const char* fileName);
@@ -42,9 +47,10 @@ class FileCache : public NSCam::IFileCache {
     char* mFileName;
     // Blocks in write order; null without a name. The pointer is set by the
     // constructor; the vector's contents are guarded by mLock.
-    std::vector<std::pair<void*, unsigned int>>* mChunks;
-    // Taken before the process-wide gCachedBytesLock, never after it.
-    pthread_mutex_t mLock;
+    std::vector<std::pair<void*, unsigned int>>* mChunks PT_GUARDED_BY(mLock);
+    // Serialises write. Taken before the process-wide gCachedBytesLock, never
+    // after it.
+    android::Mutex mLock ACQUIRED_BEFORE(gCachedBytesLock);
 };
 
 // Posts the flush of chunks into fileName to the background queue and

@@ -10,6 +10,7 @@
 #include <stdint.h>
 
 #include <qrncam/utils/JobQueueStatic.h>
+#include <utils/Mutex.h>
 #include <atomic>
 #include <condition_variable>
 #include <deque>
@@ -18,6 +19,21 @@
 #include <memory>
 #include <mutex>
 #include <utility>
+
+// What mMutex guards, for clang's -Wthread-safety. The analysis knows
+// std::mutex as a lock only in libc++ built with
+// _LIBCPP_ENABLE_THREAD_SAFETY_ANNOTATIONS (as the library's clang builds
+// are); anywhere else the annotation would itself draw a warning, so it is
+// left out there.
+#if defined(__clang__) && defined(_LIBCPP_VERSION) && defined(_LIBCPP_ENABLE_THREAD_SAFETY_ANNOTATIONS)
+#define NSCAM_JOBQUEUE_GUARDED_BY(x) GUARDED_BY(x)
+#define NSCAM_JOBQUEUE_REQUIRES(x) REQUIRES(x)
+#define NSCAM_JOBQUEUE_EXCLUDES(x) EXCLUDES(x)
+#else
+#define NSCAM_JOBQUEUE_GUARDED_BY(x)
+#define NSCAM_JOBQUEUE_REQUIRES(x)
+#define NSCAM_JOBQUEUE_EXCLUDES(x)
+#endif
 
 namespace NSCam {
 
@@ -62,20 +78,22 @@ class JobQueue<void(), P> {
     // Returns the job's id and a future that becomes ready once the job has
     // run. The future is empty when nothing was queued (empty job, or the
     // queue has stopped); the id is used up either way.
-    std::pair<uint32_t, std::shared_future<void>> addJob(std::function<void()> job, int priority);
+    std::pair<uint32_t, std::shared_future<void>> addJob(std::function<void()> job, int priority)
+        NSCAM_JOBQUEUE_EXCLUDES(mMutex);
 
   private:
     // running points at where the worker shows the job it is running.
-    void workerLoop(std::atomic<void*>* running) noexcept;
-    void setStateLocked(uint32_t target);
+    void workerLoop(std::atomic<void*>* running) noexcept NSCAM_JOBQUEUE_EXCLUDES(mMutex);
+    void setStateLocked(uint32_t target) NSCAM_JOBQUEUE_REQUIRES(mMutex);
 
     const char* mName;
-    std::deque<std::shared_ptr<JobTask>> mJobs;  // front: newest; empty pointer: stop marker
+    // front: newest; empty pointer: stop marker
+    std::deque<std::shared_ptr<JobTask>> mJobs NSCAM_JOBQUEUE_GUARDED_BY(mMutex);
     std::condition_variable mJobCond;
     std::condition_variable mIdleCond;
     std::mutex mMutex;
     std::atomic<pthread_t> mWorkerTid;
-    uint32_t mState;  // 2: accepting, 0: stopped; it only ever falls
+    uint32_t mState NSCAM_JOBQUEUE_GUARDED_BY(mMutex);  // 2: accepting, 0: stopped; it only ever falls
     std::future<void> mWorker;
     std::atomic<uint32_t> mJobCounter;
 };
@@ -83,3 +101,7 @@ class JobQueue<void(), P> {
 extern template class JobQueue<void(), JQPriority(0)>;
 
 }  // namespace NSCam
+
+#undef NSCAM_JOBQUEUE_GUARDED_BY
+#undef NSCAM_JOBQUEUE_REQUIRES
+#undef NSCAM_JOBQUEUE_EXCLUDES

@@ -10,6 +10,15 @@
 // header, then logs with QRN_LOGD/QRN_LOGW/QRN_LOGE and wraps larger
 // operations in QRN_FUNCTION_SCOPE. The file cache and job queue use the
 // simpler FC_LOG* form (Android log only, switched by qrncam_testLog).
+//
+// Function names are part of the log contract. Controller lines begin with
+// "[%s] " filled with __FUNCTION__, the scope lines name the function, and
+// ERROR lines end with it: renaming a member function, or moving a line into
+// a helper, changes texts that the transcripts under tests/*/golden and
+// users' log searches rely on. A helper that logs on behalf of its caller
+// takes the caller's name as a parameter (see beginRequestLocked in the
+// controllers), and ERROR lines stay in the function they name, since their
+// suffix also carries the line.
 #pragma once
 
 #include <android/log.h>
@@ -151,7 +160,8 @@ namespace log {
 // "[%s] +" on entry; writes "[%s] -" at exit() (or at the end of the scope if
 // exit() was not called) and ends the section when the scope closes. Code
 // that holds a lock calls exit() before unlocking, so the closing line is
-// written under the lock and the section ends after it.
+// written under the lock and the section ends after it (the controllers'
+// OperationLock does that for them).
 class ScopedFunctionTrace {
   public:
     ScopedFunctionTrace(const char* section, uint32_t module, const char* tag, const char* function)
@@ -183,9 +193,11 @@ class ScopedFunctionTrace {
 }  // namespace log
 }  // namespace qrncam
 
-#define QRN_FUNCTION_SCOPE(section) \
-    ::qrncam::log::ScopedFunctionTrace qrnFunctionScope_(section, QRN_LOG_MODULE, LOG_TAG, __FUNCTION__)
-#define QRN_FUNCTION_SCOPE_EXIT() qrnFunctionScope_.exit()
+// Declares the scope trace `name` of the enclosing function, for example
+// QRN_FUNCTION_SCOPE(scope, "CpuCtrl::init"); then scope.exit() writes the
+// closing line early.
+#define QRN_FUNCTION_SCOPE(name, section) \
+    ::qrncam::log::ScopedFunctionTrace name(section, QRN_LOG_MODULE, LOG_TAG, __FUNCTION__)
 
 // The "file_cache" form: Android log only. ERROR lines are switched by
 // qrncam_testLog("file_cache", 'E') and carry the error suffix; INFO and

@@ -86,7 +86,7 @@ void BM_BurstOverBudget(benchmark::State& state) {
                     ++refused;
                 else
                     ++accepted;
-                peak = std::max<uint64_t>(peak, gCachedBytes.load());
+                peak = std::max<uint64_t>(peak, cachedBytesUnlocked());
             }
             peakRss = std::max(peakRss, rssKiB());
         }

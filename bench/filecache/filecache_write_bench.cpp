@@ -109,7 +109,7 @@ void BM_CallerSide(benchmark::State& state) {
         }
         state.PauseTiming();
         // Still more than our own 64 MiB cached: the big flush was not done.
-        if (busy && gCachedBytes.load() > 64 * kMiB) ++overlapped;
+        if (busy && cachedBytesUnlocked() > 64 * kMiB) ++overlapped;
         drain();
         state.ResumeTiming();
     }

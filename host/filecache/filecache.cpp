@@ -1,4 +1,5 @@
 #include <qrnhost/filecache.h>
+#include <qrnhost/locking.h>
 
 #include <atomic>
 #include <condition_variable>
@@ -12,12 +13,19 @@ namespace {
 struct State {
     std::mutex lock;
     std::condition_variable over;
-    std::vector<std::pair<int, Observer>> observers;  // guarded by lock
-    int nextId = 1;                                   // guarded by lock
-    std::atomic<size_t> observerCount{0};             // lets a note skip the lock when nobody listens
+    std::vector<std::pair<int, Observer>> observers QRNHOST_GUARDED_BY(lock);
+    int nextId QRNHOST_GUARDED_BY(lock) = 1;
+    std::atomic<size_t> observerCount{0};  // lets a note skip the lock when nobody listens
     std::atomic<uint64_t> queued{0};
     std::atomic<uint64_t> done{0};
     std::atomic<uint64_t> charged{0};
+
+    // A flush is over: counted, and its waiters woken, under the lock, so
+    // that a waiter between its check and its wait cannot miss it.
+    void finishLocked() QRNHOST_REQUIRES(lock) {
+        done.fetch_add(1, std::memory_order_acq_rel);
+        over.notify_all();
+    }
 };
 
 State& state() {
@@ -57,8 +65,7 @@ void note(const Note& n) {
     }
     if (n.event == Event::End || n.event == Event::Discard) {
         std::lock_guard<std::mutex> g(s.lock);
-        s.done.fetch_add(1, std::memory_order_acq_rel);
-        s.over.notify_all();
+        s.finishLocked();
     }
 }
 

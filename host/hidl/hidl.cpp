@@ -5,6 +5,7 @@
 #include <string.h>
 
 #include <qrnhost/hidl.h>
+#include <qrnhost/locking.h>
 #include <atomic>
 #include <condition_variable>
 #include <deque>
@@ -160,14 +161,7 @@ namespace {
 // device's runtime. Started on first use and joined at exit.
 class Runtime {
   public:
-    ~Runtime() {
-        {
-            std::lock_guard<std::mutex> g(mLock);
-            mStop = true;
-        }
-        mCond.notify_all();
-        if (mThread.joinable()) mThread.join();
-    }
+    ~Runtime() { stop(); }
 
     void post(std::function<void()> job) {
         std::lock_guard<std::mutex> g(mLock);
@@ -177,18 +171,30 @@ class Runtime {
     }
 
     void waitIdle() {
-        std::unique_lock<std::mutex> g(mLock);
-        mIdle.wait(g, [this] { return mJobs.empty() && !mBusy; });
+        qrnhost::UniqueLock g(mLock);
+        while (!mJobs.empty() || mBusy) mIdle.wait(g.get());
     }
 
     bool onThread() const { return std::this_thread::get_id() == mThreadId.load(); }
 
   private:
+    // Lets the thread deliver what is queued, then joins it.
+    void stop() {
+        std::thread thread;
+        {
+            std::lock_guard<std::mutex> g(mLock);
+            mStop = true;
+            thread = std::move(mThread);
+        }
+        mCond.notify_all();
+        if (thread.joinable()) thread.join();
+    }
+
     void loop() {
         mThreadId.store(std::this_thread::get_id());
-        std::unique_lock<std::mutex> g(mLock);
+        qrnhost::UniqueLock g(mLock);
         for (;;) {
-            mCond.wait(g, [this] { return mStop || !mJobs.empty(); });
+            while (!mStop && mJobs.empty()) mCond.wait(g.get());
             if (mJobs.empty()) break;  // stopping with nothing left
             auto job = std::move(mJobs.front());
             mJobs.pop_front();
@@ -205,11 +211,11 @@ class Runtime {
     std::mutex mLock;
     std::condition_variable mCond;
     std::condition_variable mIdle;
-    std::deque<std::function<void()>> mJobs;
-    bool mStop = false;
-    bool mBusy = false;
+    std::deque<std::function<void()>> mJobs QRNHOST_GUARDED_BY(mLock);
+    bool mStop QRNHOST_GUARDED_BY(mLock) = false;
+    bool mBusy QRNHOST_GUARDED_BY(mLock) = false;
     std::atomic<std::thread::id> mThreadId{};
-    std::thread mThread;
+    std::thread mThread QRNHOST_GUARDED_BY(mLock);
 };
 
 Runtime& runtime() {
@@ -227,11 +233,11 @@ struct LinkFault {
 
 struct Registry {
     std::mutex lock;
-    std::map<Name, sp<Connection>> services;
+    std::map<Name, sp<Connection>> services QRNHOST_GUARDED_BY(lock);
 
     // A leaf lock: taken under a connection's lock, never the other way.
     std::mutex faultLock;
-    std::map<Name, LinkFault> linkFaults;
+    std::map<Name, LinkFault> linkFaults QRNHOST_GUARDED_BY(faultLock);
 
     // Death notices are numbered as they are queued. The runtime delivers
     // them in that order, so "delivered up to n" tells every waiter whether
@@ -239,9 +245,9 @@ struct Registry {
     // noticeLock, so that numbers and runtime order agree.
     std::mutex noticeLock;
     std::condition_variable noticeDelivered;
-    uint64_t lastQueued = 0;
-    uint64_t deliveredUpTo = 0;
-    std::map<Name, uint64_t> lastNoticeOf;
+    uint64_t lastQueued QRNHOST_GUARDED_BY(noticeLock) = 0;
+    uint64_t deliveredUpTo QRNHOST_GUARDED_BY(noticeLock) = 0;
+    std::map<Name, uint64_t> lastNoticeOf QRNHOST_GUARDED_BY(noticeLock);
 };
 
 Registry& registry() {
@@ -389,13 +395,16 @@ bool withdrawService(const std::string& descriptor, const std::string& instance)
 bool waitForDeathNotices(const std::string& descriptor, const std::string& instance,
                          std::chrono::milliseconds timeout) {
     Registry& r = registry();
-    std::unique_lock<std::mutex> g(r.noticeLock);
+    qrnhost::UniqueLock g(r.noticeLock);
     auto it = r.lastNoticeOf.find({descriptor, instance});
     if (it == r.lastNoticeOf.end()) return true;
     const uint64_t notice = it->second;
-    auto delivered = [&r, notice] { return r.deliveredUpTo >= notice; };
-    if (onRuntimeThread()) return delivered();
-    return r.noticeDelivered.wait_for(g, timeout, delivered);
+    if (onRuntimeThread()) return r.deliveredUpTo >= notice;
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (r.deliveredUpTo < notice)
+        if (r.noticeDelivered.wait_until(g.get(), deadline) == std::cv_status::timeout)
+            return r.deliveredUpTo >= notice;
+    return true;
 }
 
 void makeLinkToDeathReturnFalse(const std::string& descriptor, const std::string& instance, Times times) {

@@ -1,4 +1,5 @@
 #include <qrnhost/kernelfs.h>
+#include <qrnhost/locking.h>
 
 #include <atomic>
 #include <cstdlib>
@@ -9,7 +10,7 @@ namespace qrnhost::kernelfs {
 namespace {
 
 std::mutex gLock;
-std::map<std::string, std::string>& redirections() {
+std::map<std::string, std::string>& redirections() QRNHOST_REQUIRES(gLock) {
     static auto* m = new std::map<std::string, std::string>;  // never destroyed: lookups may run at exit
     return *m;
 }

@@ -2,6 +2,7 @@
 // "libqrnperf_client_vendor.so"; test builds compile it twice more with one
 // entry point left out, to drive the loader's failure paths.
 #include <qrnhost/PerfSim.h>
+#include <qrnhost/locking.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -16,14 +17,14 @@ using Clock = std::chrono::steady_clock;
 
 struct State {
     std::mutex lock;
-    int32_t nextHandle = 1;
-    std::map<int32_t, Lock> locks;
-    std::vector<Call> journal;
-    int refuseCount = 0;
-    bool refuseAll = false;
-    std::function<void(const Call&)> observer;
+    int32_t nextHandle QRNHOST_GUARDED_BY(lock) = 1;
+    std::map<int32_t, Lock> locks QRNHOST_GUARDED_BY(lock);
+    std::vector<Call> journal QRNHOST_GUARDED_BY(lock);
+    int refuseCount QRNHOST_GUARDED_BY(lock) = 0;
+    bool refuseAll QRNHOST_GUARDED_BY(lock) = false;
+    std::function<void(const Call&)> observer QRNHOST_GUARDED_BY(lock);
 
-    void dropExpiredLocked(Clock::time_point now) {
+    void dropExpiredLocked(Clock::time_point now) QRNHOST_REQUIRES(lock) {
         for (auto it = locks.begin(); it != locks.end();) {
             if (it->second.expired(now))
                 it = locks.erase(it);
@@ -32,7 +33,7 @@ struct State {
         }
     }
 
-    Call& record(Op op, int32_t handle) {
+    Call& record(Op op, int32_t handle) QRNHOST_REQUIRES(lock) {
         Call c;
         c.seq = journal.size() + 1;
         c.when = std::chrono::steady_clock::now();

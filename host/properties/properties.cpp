@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <qrnhost/locking.h>
 #include <qrnhost/properties.h>
 #include <filesystem>
 #include <fstream>
@@ -21,8 +22,8 @@ struct Store {
     std::mutex lock;
     // Looked up by the caller's C string as it is: reading a property
     // allocates nothing.
-    std::map<std::string, std::string, std::less<>> values;
-    bool fileLoaded = false;
+    std::map<std::string, std::string, std::less<>> values QRNHOST_GUARDED_BY(lock);
+    bool fileLoaded QRNHOST_GUARDED_BY(lock) = false;
 };
 
 Store& store() {
@@ -70,7 +71,7 @@ int parseFile(const std::string& path, std::vector<std::pair<std::string, std::s
 }
 
 // Loads the start-up file once, under the store's lock.
-void ensureLoadedLocked(Store& s) {
+void ensureLoadedLocked(Store& s) QRNHOST_REQUIRES(s.lock) {
     if (s.fileLoaded) return;
     s.fileLoaded = true;
     // Read under the store's lock, and nothing in the process sets it.

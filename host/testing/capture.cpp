@@ -84,13 +84,13 @@ void Capture::logNormal(uint32_t moduleId, const char* tag, int32_t level, const
 }
 
 void Capture::add(Record r) {
-    std::unique_lock<std::mutex> g(mLock);
+    UniqueLock g(mLock);
     const bool hold = mHold == Hold::Armed && r.sink != Sink::TraceEnd && r.sink != Sink::Note && r.text == mHoldText;
     mRecords.push_back(std::move(r));
     if (!hold) return;
     mHold = Hold::Held;
     mHoldChanged.notify_all();
-    mHoldChanged.wait(g, [this] { return mHold == Hold::Released; });
+    while (mHold != Hold::Released) mHoldChanged.wait(g.get());
 }
 
 void Capture::holdAt(std::string text) {
@@ -100,8 +100,8 @@ void Capture::holdAt(std::string text) {
 }
 
 void Capture::waitUntilHeld() {
-    std::unique_lock<std::mutex> g(mLock);
-    mHoldChanged.wait(g, [this] { return mHold == Hold::Held || mHold == Hold::Released; });
+    UniqueLock g(mLock);
+    while (mHold != Hold::Held && mHold != Hold::Released) mHoldChanged.wait(g.get());
 }
 
 void Capture::release() {

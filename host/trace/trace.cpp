@@ -15,6 +15,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <qrnhost/locking.h>
 #include <qrnhost/trace.h>
 #include <atomic>
 #include <mutex>
@@ -30,10 +31,10 @@ namespace {
 
 struct TraceState {
     std::mutex lock;
-    std::function<void(const qrnhost::trace::Event&)> observer;
-    std::string markerPath;
-    bool markerOverridden = false;
-    uint64_t setups = 0;
+    std::function<void(const qrnhost::trace::Event&)> observer QRNHOST_GUARDED_BY(lock);
+    std::string markerPath QRNHOST_GUARDED_BY(lock);
+    bool markerOverridden QRNHOST_GUARDED_BY(lock) = false;
+    uint64_t setups QRNHOST_GUARDED_BY(lock) = 0;
 };
 
 TraceState& state() {
@@ -45,7 +46,7 @@ int currentTid() {
     return static_cast<int>(syscall(SYS_gettid));
 }
 
-void openKernelMarkerLocked(TraceState& s) {
+void openKernelMarkerLocked(TraceState& s) QRNHOST_REQUIRES(s.lock) {
     if (s.markerOverridden) return;
     static const char* const kMarkers[] = {"/sys/kernel/tracing/trace_marker",
                                            "/sys/kernel/debug/tracing/trace_marker"};
@@ -57,6 +58,13 @@ void openKernelMarkerLocked(TraceState& s) {
             return;
         }
     }
+}
+
+// The enabled tags are written under the state's lock only; callers read
+// them without it, once the ready flag says they are set, as on a device.
+void setTagsLocked(TraceState& s, uint64_t tags) QRNHOST_REQUIRES(s.lock) {
+    (void)s;
+    atrace_enabled_tags = tags;
 }
 
 // The enabled tags as the property gives them, with the always-on tag.
@@ -103,7 +111,7 @@ extern "C" void atrace_setup() {
     if (atrace_marker_fd < 0) openKernelMarkerLocked(s);
     // Unlike the device, a host without tracefs still gets its tags: tests
     // observe sections through the observer even where no marker exists.
-    atrace_enabled_tags = loadTags();
+    setTagsLocked(s, loadTags());
     atrace_is_ready.store(true, std::memory_order_release);
 }
 
@@ -111,7 +119,7 @@ extern "C" void atrace_update_tags() {
     if (!atrace_is_ready.load(std::memory_order_acquire)) return;
     TraceState& s = state();
     std::lock_guard<std::mutex> g(s.lock);
-    atrace_enabled_tags = loadTags();
+    setTagsLocked(s, loadTags());
 }
 
 extern "C" void atrace_init() {

@@ -59,7 +59,7 @@ class FileCacheTest : public ::testing::Test {
     void SetUp() override {
         qrnhost::properties::reset();
         drain();
-        mStart = gCachedBytes.load();
+        mStart = cachedBytesUnlocked();
     }
     void TearDown() override { mCaches.clear(), drain(); }
     std::vector<std::string> lines() const { return mCap.texts(qt::Sink::Android, "file_cache"); }
@@ -107,13 +107,17 @@ qt::Script FileCacheTest::script(qt::Transcript& t) {
             })
         .on("drain", [] { drain(); })
         .on("files", [&] { t.files(mDir.path()); })
-        .on("charged", [&] { return gCachedBytes.load() - mStart; })
+        .on("charged", [&] { return cachedBytesUnlocked() - mStart; })
         .on("charge all of the budget but",
             [&](const qt::Args& a) {
-                mFiller = property_get_int64("vendor.debug.file_cache.storage_size", 0) - a[0] - gCachedBytes.load();
+                android::Mutex::Autolock lock(gCachedBytesLock);
+                mFiller = property_get_int64("vendor.debug.file_cache.storage_size", 0) - a[0] - gCachedBytes;
                 gCachedBytes += mFiller;
             })
-        .on("release the charge", [&] { gCachedBytes -= mFiller; });
+        .on("release the charge", [&] {
+            android::Mutex::Autolock lock(gCachedBytesLock);
+            gCachedBytes -= mFiller;
+        });
     return s;
 }
 
@@ -124,7 +128,10 @@ qt::Script FileCacheTest::script(qt::Transcript& t) {
 TEST_F(FileCacheTest, FlushTranscript) {
     // Failed allocations of earlier tests stay charged for good; they would
     // shift every "remain" line.
-    gCachedBytes = mStart = 0;
+    {
+        android::Mutex::Autolock lock(gCachedBytesLock);
+        gCachedBytes = mStart = 0;
+    }
     qt::writeFile(file("three"), std::string(200, 'o'));
     qt::Transcript t(mCap, nullptr);
     // What the host platform is told, in its place among the log lines: the
@@ -213,7 +220,7 @@ TEST_F(FileCacheTest, AllocationFailuresAnywhereInOpenWriteAndDropFailCleanly) {
     std::thread threads[] = {std::thread(sweep, 0), std::thread(sweep, 1), std::thread(sweep, 2),
                              std::thread(sweep, 3)};
     for (auto& t : threads) t.join();
-    EXPECT_EQ(mStart + kept, gCachedBytes.load());
+    EXPECT_EQ(mStart + kept, cachedBytesUnlocked());
     EXPECT_TRUE(openFailed && cacheUnusable && blockFailed && appendFailed && dropFailed);
 }
 
@@ -231,7 +238,8 @@ TEST_F(FileCacheTest, RacingWritersFillTheBudgetExactlyAndNeverOverrunIt) {
         writers.emplace_back([&, t] {
             const std::string block(kBlock, static_cast<char>('a' + t));
             sp<IFileCache> fc = IFileCache::open(file(std::to_string(t)).c_str());
-            for (int w = 0; w < 64; ++w) accepted += std::max(put(fc, block), 0), over = over || gCachedBytes > limit;
+            for (int w = 0; w < 64; ++w)
+                accepted += std::max(put(fc, block), 0), over = over || cachedBytesUnlocked() > limit;
         });
     for (auto& w : writers) w.join();
     EXPECT_FALSE(over.load());
@@ -243,7 +251,7 @@ TEST_F(FileCacheTest, RacingWritersFillTheBudgetExactlyAndNeverOverrunIt) {
                 ::testing::Each(error("<" + file("[0-9]") + "> Storage size exceed " + mb + "/" + mb, "write")));
     hold.set_value();
     drain();
-    EXPECT_EQ(mStart, gCachedBytes.load());
+    EXPECT_EQ(mStart, cachedBytesUnlocked());
 }
 
 // A child made by fork() must neither hang in exit() on a worker it does not

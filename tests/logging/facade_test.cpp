@@ -91,9 +91,9 @@ TEST(Facade, ArgumentsAreEvaluatedOncePerEnabledSinkAndNeverWhenClosed) {
 }
 
 void scoped(bool early) {
-    QRN_FUNCTION_SCOPE("CpuCtrl::init");
+    QRN_FUNCTION_SCOPE(scope, "CpuCtrl::init");
     QRN_LOGD("[%s] body", __FUNCTION__);
-    if (early) QRN_FUNCTION_SCOPE_EXIT();
+    if (early) scope.exit();
 }
 
 // The switch of the "file_cache" form: says when it is asked, answers gAllow.

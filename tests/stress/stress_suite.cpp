@@ -71,7 +71,7 @@ TEST(Stress, RacingWritersAgainstASmallBudgetKeepEveryFileWhole) {
     __android_log_set_logger(&countingLogger);
     qrnhost::properties::reset();
     drain();
-    const uint64_t start = gCachedBytes.load();
+    const uint64_t start = cachedBytesUnlocked();
     qt::TempDir dir;
     const uint64_t limit = start + (4 << 20);
     property_set("vendor.debug.file_cache.storage_size", std::to_string(limit).c_str());
@@ -79,7 +79,7 @@ TEST(Stress, RacingWritersAgainstASmallBudgetKeepEveryFileWhole) {
     const int rounds = 12 * scale();
     std::atomic<bool> done{false}, over{false};
     std::thread watcher([&] {
-        while (!done) over = over || gCachedBytes.load() > limit;
+        while (!done) over = over || cachedBytesUnlocked() > limit;
     });
     // What each file must hold: the blocks its writes accepted, in order.
     std::vector<std::vector<std::string>> expected(kThreads * rounds * kCaches);
@@ -108,7 +108,7 @@ TEST(Stress, RacingWritersAgainstASmallBudgetKeepEveryFileWhole) {
     done = true;
     watcher.join();
     EXPECT_FALSE(over.load());
-    EXPECT_EQ(start, gCachedBytes.load());
+    EXPECT_EQ(start, cachedBytesUnlocked());
     EXPECT_EQ(refused.load(), gStorageRefusals.load());
     __android_log_set_logger(&__android_log_stderr_logger);
     EXPECT_GT(refused.load(), 0) << "the budget was never reached";

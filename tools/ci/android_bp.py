@@ -51,6 +51,7 @@ LIST_PROPERTIES = {
 # checking that the device toolchain has it.
 DEVICE_COMPILER_FLAGS = {
     "-Wall", "-Wextra", "-Werror", "-Wformat=2", "-Wformat-security", "-fexceptions", "-fno-exceptions",
+    "-Wthread-safety", "-Wthread-safety-beta", "-D_LIBCPP_ENABLE_THREAD_SAFETY_ANNOTATIONS",
 }
 
 # What the platform build adds to every C++ source of an arm64 vendor module

@@ -14,6 +14,7 @@
 #define QRN_LOG_MODULE ::qrncam::log::kModuleCam3CPUCtrl
 
 #include "Cam3CPUCtrlImp.h"
+#include "Locking.h"
 #include "PowerScenario.h"
 
 #include <SysLog.h>
@@ -23,9 +24,11 @@
 #include <mutex>
 #include <new>
 
+using ::android::Mutex;
 using ::android::wp;
 using ::android::hardware::Return;
 using ::android::hidl::base::V1_0::IBase;
+using ::qrncam::OperationLock;
 using ::vendor::quarnel::hardware::power::V2_0::CMD_SET_CAM_PREFER_IDLE;
 using ::vendor::quarnel::hardware::power::V2_0::CMD_SET_CPU_PERF_MODE;
 using ::vendor::quarnel::hardware::power::V2_0::IPower;
@@ -38,14 +41,14 @@ namespace Utils {
 
 // Loaded once per process and never closed after success; any failure puts
 // all three back to null so that the next caller retries from dlopen.
-static void* gPerfLibHandle = nullptr;
-static PerfLockAcqFn gPerfLockAcq = nullptr;
-static PerfLockRelFn gPerfLockRel = nullptr;
 // Controllers constructed on several threads at once would otherwise race on
 // the three variables during the first load.
 static std::mutex gPerfLoadLock;
+static void* gPerfLibHandle GUARDED_BY(gPerfLoadLock) = nullptr;
+static PerfLockAcqFn gPerfLockAcq GUARDED_BY(gPerfLoadLock) = nullptr;
+static PerfLockRelFn gPerfLockRel GUARDED_BY(gPerfLoadLock) = nullptr;
 
-static void loadPerfAPI(PerfLockAcqFn& acq, PerfLockRelFn& rel) {
+static void loadPerfAPI(PerfLockAcqFn& acq, PerfLockRelFn& rel) EXCLUDES(gPerfLoadLock) {
     std::lock_guard<std::mutex> guard(gPerfLoadLock);
     if (gPerfLibHandle == nullptr) {
         gPerfLibHandle = dlopen("libqrnperf_client_vendor.so", RTLD_NOW);
@@ -99,8 +102,8 @@ Cam3CPUCtrl* Cam3CPUCtrl::createInstance() {
     return ctrl;
 }
 
+// mLock is initialised first, as a member, with default attributes.
 Cam3CPUCtrlImp::Cam3CPUCtrlImp() : mReserved{}, mDestroying(false) {
-    pthread_mutex_init(&mLock, nullptr);
     mPerfLockAcq = nullptr;
     mPerfLockRel = nullptr;
     mCameraPerfOn = 0;
@@ -116,40 +119,45 @@ Cam3CPUCtrlImp::Cam3CPUCtrlImp() : mReserved{}, mDestroying(false) {
     incStrong(kCreatorRef);
 }
 
+// mLock goes last, with the members.
 Cam3CPUCtrlImp::~Cam3CPUCtrlImp() {
-    pthread_mutex_lock(&mLock);
-    mDestroying = true;
-    pthread_mutex_unlock(&mLock);
+    markDestroying();
     // Releases one user, whatever the count: an object destroyed with users
     // left is freed all the same.
     uninit();
     mPowerHalService = nullptr;
     QRN_LOGD("[%s] ", __FUNCTION__);
-    pthread_mutex_destroy(&mLock);
+}
+
+void Cam3CPUCtrlImp::markDestroying() {
+    Mutex::Autolock lock(mLock);
+    mDestroying = true;
 }
 
 void Cam3CPUCtrlImp::destroyInstance() {
     QRN_LOGD("[%s] +", __FUNCTION__);
-    pthread_mutex_lock(&mLock);
-    // The destructor's uninit releases the last user when one is left, and
-    // the last user's uninit unlinks the death notification. The destructor
-    // cannot name the object as a strong reference any more, so the link is
-    // dropped here, while the creator's reference still keeps it alive.
-    if (mUserCount.load() == 1 && mPowerHalService != nullptr) {
-        // A failed unlink (dead service) leaves nothing to undo.
-        (void)mPowerHalService->unlinkToDeath(this).isOk();
+    {
+        Mutex::Autolock lock(mLock);
+        // The destructor's uninit releases the last user when one is left,
+        // and the last user's uninit unlinks the death notification. The
+        // destructor cannot name the object as a strong reference any more,
+        // so the link is dropped here, while the creator's reference still
+        // keeps it alive.
+        if (mUserCount.load() == 1 && mPowerHalService != nullptr) {
+            // A failed unlink (dead service) leaves nothing to undo.
+            (void)mPowerHalService->unlinkToDeath(this).isOk();
+        }
     }
-    pthread_mutex_unlock(&mLock);
     decStrong(kCreatorRef);
     // The object may be gone from here on.
     QRN_LOGD("[%s] -", __FUNCTION__);
 }
 
 bool Cam3CPUCtrlImp::init() {
-    QRN_FUNCTION_SCOPE("Cam3CPUCtrl::init");
+    QRN_FUNCTION_SCOPE(scope, "Cam3CPUCtrl::init");
     // Bound under mLock: serviceDied and requests on other threads replace
     // mPowerHalService too.
-    pthread_mutex_lock(&mLock);
+    OperationLock lock(mLock, scope);
     __initPowerHAL();
     const int32_t users = mUserCount.load();
     if (users == 0) {
@@ -160,26 +168,18 @@ bool Cam3CPUCtrlImp::init() {
         QRN_LOGD("[%s] More user(%d)", __FUNCTION__, users);
     }
     mUserCount.fetch_add(1);
-    QRN_FUNCTION_SCOPE_EXIT();
-    pthread_mutex_unlock(&mLock);
     return true;
 }
 
 bool Cam3CPUCtrlImp::uninit() {
-    QRN_FUNCTION_SCOPE("Cam3CPUCtrl::uninit");
-    pthread_mutex_lock(&mLock);
+    QRN_FUNCTION_SCOPE(scope, "Cam3CPUCtrl::uninit");
+    OperationLock lock(mLock, scope);
     const int32_t users = mUserCount.load();
     if (users <= 0) {
         QRN_LOGD("[%s] No user(%d)", __FUNCTION__, users);
-        QRN_FUNCTION_SCOPE_EXIT();
-        pthread_mutex_unlock(&mLock);
         return true;
     }
-    // Read before unlocking: requests on other threads write it under mLock.
-    const int32_t enabled = mEnabled;
-    pthread_mutex_unlock(&mLock);
-    if (enabled != 0) disable();  // takes mLock itself
-    pthread_mutex_lock(&mLock);
+    withdrawLocked();
     const int32_t left = mUserCount.fetch_sub(1) - 1;
     if (left != 0) {
         QRN_LOGD("[%s] More user(%d)", __FUNCTION__, left);
@@ -199,43 +199,45 @@ bool Cam3CPUCtrlImp::uninit() {
             mPowerHalHandle = -1;
         }
     }
-    QRN_FUNCTION_SCOPE_EXIT();
-    pthread_mutex_unlock(&mLock);
     return true;
 }
 
 void Cam3CPUCtrlImp::serviceDied(uint64_t /*cookie*/, const wp<IBase>& /*who*/) {
     QRN_LOGW("[%s] IPower hidl service died", __FUNCTION__);
-    pthread_mutex_lock(&mLock);
+    Mutex::Autolock lock(mLock);
     // Nothing is re-bound here: the next init or request binds the new
     // service. mEnabled stays, so the next disable only clears it.
     mPowerHalService = nullptr;
     mPowerHalHandle = -1;
-    pthread_mutex_unlock(&mLock);
 }
 
 // ---------------------------------------------------------------------------
 // Prefer-idle, performance mode and disable (vendor power service)
 
-bool Cam3CPUCtrlImp::beginRequestLocked(const char* function, ::qrncam::log::ScopedFunctionTrace& scope) {
-    pthread_mutex_lock(&mLock);
-    if (mUserCount.load() <= 0) {
-        QRN_LOGW("[%s] No user", function);
-        scope.exit();
-        pthread_mutex_unlock(&mLock);
-        return false;
-    }
-    const int32_t enabled = mEnabled;
-    pthread_mutex_unlock(&mLock);
+bool Cam3CPUCtrlImp::hasUserLocked(const char* function) {
+    if (mUserCount.load() > 0) return true;
+    QRN_LOGW("[%s] No user", function);
+    return false;
+}
+
+void Cam3CPUCtrlImp::withdrawLocked() {
+    // Read before unlocking: requests on other threads write it under mLock.
+    // The lock is let go even when nothing is enabled: the check and what
+    // follows it are two locked sections either way.
+    const bool enabled = mEnabled != 0;
+    mLock.unlock();
+    if (enabled) disable();
+    mLock.lock();
+}
+
+bool Cam3CPUCtrlImp::beginRequestLocked(const char* function) {
+    if (!hasUserLocked(function)) return false;
     // Each request runs on a fresh scenario: the one in force is withdrawn
-    // and its handle given back first. serviceDied may run in this gap.
-    if (enabled != 0) disable();
-    pthread_mutex_lock(&mLock);
+    // and its handle given back first.
+    withdrawLocked();
     __initPowerHAL();
     if (mPowerHalService == nullptr) {
         QRN_LOGW("[%s] mPowerHalService == NULL !!!", function);
-        scope.exit();
-        pthread_mutex_unlock(&mLock);
         return false;
     }
     if (mPowerHalHandle == -1) {
@@ -254,45 +256,36 @@ bool Cam3CPUCtrlImp::enablePreferIdle() {
         QRN_LOGD("[%s] CPU prefer idle is disabled", __FUNCTION__);
         return false;
     }
-    QRN_FUNCTION_SCOPE("Cam3CPUCtrl::enablePreferIdle");
-    if (!beginRequestLocked(__FUNCTION__, qrnFunctionScope_)) return false;
+    QRN_FUNCTION_SCOPE(scope, "Cam3CPUCtrl::enablePreferIdle");
+    OperationLock lock(mLock, scope);
+    if (!beginRequestLocked(__FUNCTION__)) return false;
     QRN_LOGD("[%s] mPowerHalHandle=%d Cmd=%d", __FUNCTION__, mPowerHalHandle, CMD_SET_CAM_PREFER_IDLE);
     // Fire and forget: a refused or failed request still counts as enabled.
     (void)mPowerHalService->configScenario(mPowerHalHandle, CMD_SET_CAM_PREFER_IDLE, 1, 0, 0, 0).isOk();
     (void)mPowerHalService->enableScenario(mPowerHalHandle, 0).isOk();
     mEnabled = 1;
-    QRN_FUNCTION_SCOPE_EXIT();
-    pthread_mutex_unlock(&mLock);
     return true;
 }
 
 bool Cam3CPUCtrlImp::cpuPerformanceMode(int timeout) {
-    QRN_FUNCTION_SCOPE("Cam3CPUCtrl::cpuPerformanceMode");
-    if (!beginRequestLocked(__FUNCTION__, qrnFunctionScope_)) return false;
+    QRN_FUNCTION_SCOPE(scope, "Cam3CPUCtrl::cpuPerformanceMode");
+    OperationLock lock(mLock, scope);
+    if (!beginRequestLocked(__FUNCTION__)) return false;
     // Fire and forget, as for prefer-idle. The timeout is in ms already; none
     // given means as long as the service allows.
     (void)mPowerHalService->configScenario(mPowerHalHandle, CMD_SET_CPU_PERF_MODE, 1, 0, 0, 0).isOk();
     (void)mPowerHalService->enableScenario(mPowerHalHandle, timeout >= 1 ? timeout : SCENARIO_TIMEOUT_MAX).isOk();
     mEnabled = 1;
-    QRN_FUNCTION_SCOPE_EXIT();
-    pthread_mutex_unlock(&mLock);
     return true;
 }
 
 bool Cam3CPUCtrlImp::disable() {
-    QRN_FUNCTION_SCOPE("Cam3CPUCtrl::disable");
-    pthread_mutex_lock(&mLock);
-    if (mUserCount.load() <= 0) {
-        QRN_LOGW("[%s] No user", __FUNCTION__);
-        QRN_FUNCTION_SCOPE_EXIT();
-        pthread_mutex_unlock(&mLock);
-        return false;
-    }
+    QRN_FUNCTION_SCOPE(scope, "Cam3CPUCtrl::disable");
+    OperationLock lock(mLock, scope);
+    if (!hasUserLocked(__FUNCTION__)) return false;
     if (mEnabled == 0) {
         // Kept word for word: logs are searched for this text.
         QRN_LOGD("[%s] Not thing to disable", __FUNCTION__);
-        QRN_FUNCTION_SCOPE_EXIT();
-        pthread_mutex_unlock(&mLock);
         return true;
     }
     if (mPowerHalHandle != -1) {
@@ -303,8 +296,6 @@ bool Cam3CPUCtrlImp::disable() {
         mPowerHalHandle = -1;
     }
     mEnabled = 0;
-    QRN_FUNCTION_SCOPE_EXIT();
-    pthread_mutex_unlock(&mLock);
     return true;
 }
 
@@ -393,7 +384,7 @@ bool Cam3CPUCtrlImp::exitNoTempa() {
 // Power service binding.
 
 void Cam3CPUCtrlImp::__initPowerHAL() {
-    QRN_FUNCTION_SCOPE("Cam3CPUCtrl::__initPowerHAL");
+    QRN_FUNCTION_SCOPE(scope, "Cam3CPUCtrl::__initPowerHAL");
     // An existing binding is never replaced.
     if (mPowerHalService != nullptr) return;
     QRN_LOGD("[%s] Loaded power HAL service +", __FUNCTION__);

@@ -4,6 +4,7 @@
 #define QRN_LOG_MODULE ::qrncam::log::kModuleCpuCtrl
 
 #include "CpuCtrlImp.h"
+#include "Locking.h"
 #include "PowerScenario.h"
 
 #include <SysLog.h>
@@ -11,6 +12,7 @@
 #include <new>
 
 using ::android::hardware::Return;
+using ::qrncam::OperationLock;
 using namespace ::vendor::quarnel::hardware::power::V2_0;
 
 namespace {
@@ -43,7 +45,7 @@ CpuCtrl* CpuCtrl::createInstance() {
 }
 
 CpuCtrlImp::CpuCtrlImp() {
-    pthread_mutex_init(&mLock, nullptr);
+    // mLock is initialised first, as a member, with default attributes.
     QRN_LOGD("[%s] ", __FUNCTION__);
     mUser.store(0, std::memory_order_relaxed);
     mEnabled = 0;
@@ -53,11 +55,11 @@ CpuCtrlImp::CpuCtrlImp() {
 }
 
 // Sends nothing to the service: whatever is still registered or enabled
-// stays so. Callers are expected to uninit first.
+// stays so. Callers are expected to uninit first. mLock goes last, with the
+// members.
 CpuCtrlImp::~CpuCtrlImp() {
     mPowerHalService = nullptr;
     QRN_LOGD("[%s] ", __FUNCTION__);
-    pthread_mutex_destroy(&mLock);
 }
 
 void CpuCtrlImp::destroyInstance() {
@@ -68,15 +70,15 @@ void CpuCtrlImp::destroyInstance() {
 }
 
 bool CpuCtrlImp::init() {
-    QRN_FUNCTION_SCOPE("CpuCtrl::init");
+    QRN_FUNCTION_SCOPE(scope, "CpuCtrl::init");
     // The lookup is done on every init, outside the lock and before the user
     // count is looked at; a null result is reported only by the requests that
     // need the service. The reference itself is replaced under the lock, as
     // every other use of it is.
     ::android::sp<IPower> service = IPower::getService("default", false);
-    pthread_mutex_lock(&mLock);
+    OperationLock lock(mLock, scope);
     mPowerHalService = service;
-    int32_t users = mUser.load(std::memory_order_relaxed);
+    const int32_t users = mUser.load(std::memory_order_relaxed);
     if (users == 0) {
         QRN_LOGD("[%s] First user(%d)", __FUNCTION__, users);
         mEnabled = 0;
@@ -85,28 +87,21 @@ bool CpuCtrlImp::init() {
         QRN_LOGD("[%s] More user(%d)", __FUNCTION__, users);
     }
     mUser.fetch_add(1, std::memory_order_release);
-    QRN_FUNCTION_SCOPE_EXIT();
-    pthread_mutex_unlock(&mLock);
     return true;
 }
 
 bool CpuCtrlImp::uninit() {
-    QRN_FUNCTION_SCOPE("CpuCtrl::uninit");
-    pthread_mutex_lock(&mLock);
+    QRN_FUNCTION_SCOPE(scope, "CpuCtrl::uninit");
+    OperationLock lock(mLock, scope);
     int32_t users = mUser.load(std::memory_order_relaxed);
     if (users <= 0) {
         QRN_LOGW("[%s] No user(%d)", __FUNCTION__, users);
-        QRN_FUNCTION_SCOPE_EXIT();
-        pthread_mutex_unlock(&mLock);
         return true;
     }
     // Every leaving user withdraws the current scenario, not only the last:
     // a remaining user that still wants CPU resources has to ask again, and
     // callers rely on a leaving user not leaving its request in force.
-    bool enabled = mEnabled != 0;
-    pthread_mutex_unlock(&mLock);
-    if (enabled) disable();
-    pthread_mutex_lock(&mLock);
+    withdrawLocked();
 
     users = mUser.fetch_sub(1, std::memory_order_release) - 1;
     if (users != 0) {
@@ -122,42 +117,33 @@ bool CpuCtrlImp::uninit() {
             mPowerHalHandle = -1;
         }
     }
-    QRN_FUNCTION_SCOPE_EXIT();
-    pthread_mutex_unlock(&mLock);
     return true;
 }
 
-bool CpuCtrlImp::beginRequest(const char* function, ::qrncam::log::ScopedFunctionTrace& scope) {
-    pthread_mutex_lock(&mLock);
-    if (mUser.load(std::memory_order_relaxed) <= 0) {
-        QRN_LOGW("[%s] No user", function);
-        scope.exit();
-        pthread_mutex_unlock(&mLock);
-        return false;
-    }
-    // disable() takes the lock itself, so it is called with the lock
-    // released; another thread may come in between.
-    bool enabled = mEnabled != 0;
-    pthread_mutex_unlock(&mLock);
+bool CpuCtrlImp::hasUserLocked(const char* function) {
+    if (mUser.load(std::memory_order_relaxed) > 0) return true;
+    QRN_LOGW("[%s] No user", function);
+    return false;
+}
+
+void CpuCtrlImp::withdrawLocked() {
+    // The lock is let go even when nothing is enabled: the check and what
+    // follows it are two locked sections either way.
+    const bool enabled = mEnabled != 0;
+    mLock.unlock();
     if (enabled) disable();
-    pthread_mutex_lock(&mLock);
+    mLock.lock();
+}
+
+bool CpuCtrlImp::beginRequestLocked(const char* function) {
+    if (!hasUserLocked(function)) return false;
+    withdrawLocked();
     return true;
 }
 
-void CpuCtrlImp::endRequest(::qrncam::log::ScopedFunctionTrace& scope) {
-    scope.exit();
-    pthread_mutex_unlock(&mLock);
-}
-
-bool CpuCtrlImp::enable(CPU_CTRL_INFO& info) {
-    QRN_FUNCTION_SCOPE("CpuCtrl::enable");
-    if (!beginRequest(__FUNCTION__, qrnFunctionScope_)) return false;
-    QRN_LOGD("[%s] big(%d/%d),little(%d/%d),timeout(%d)", __FUNCTION__, info.bigCore, info.bigFreq, info.littleCore,
-             info.littleFreq, info.timeout);
-    mCpuCtrlInfo = info;
+bool CpuCtrlImp::registerScenarioLocked(const char* function, const char* noService) {
     if (mPowerHalService == nullptr) {
-        QRN_LOGW("[%s] mPowerHalService == NULL !!!", __FUNCTION__);
-        endRequest(qrnFunctionScope_);
+        QRN_LOGW("[%s] %s", function, noService);
         return false;
     }
     // A new scenario on every request. The previous handle is overwritten
@@ -165,7 +151,18 @@ bool CpuCtrlImp::enable(CPU_CTRL_INFO& info) {
     // uninit. Callers depend on earlier scenarios staying known to the
     // service (they are disabled, not deleted).
     mPowerHalHandle = mPowerHalService->registerScenario();
-    QRN_LOGD("[%s] mPowerHalHandle:(%d)", __FUNCTION__, mPowerHalHandle);
+    QRN_LOGD("[%s] mPowerHalHandle:(%d)", function, mPowerHalHandle);
+    return true;
+}
+
+bool CpuCtrlImp::enable(CPU_CTRL_INFO& info) {
+    QRN_FUNCTION_SCOPE(scope, "CpuCtrl::enable");
+    OperationLock lock(mLock, scope);
+    if (!beginRequestLocked(__FUNCTION__)) return false;
+    QRN_LOGD("[%s] big(%d/%d),little(%d/%d),timeout(%d)", __FUNCTION__, info.bigCore, info.bigFreq, info.littleCore,
+             info.littleFreq, info.timeout);
+    mCpuCtrlInfo = info;
+    if (!registerScenarioLocked(__FUNCTION__, "mPowerHalService == NULL !!!")) return false;
 
     const CPU_CTRL_INFO& req = mCpuCtrlInfo;
     const int32_t h = mPowerHalHandle;
@@ -186,13 +183,13 @@ bool CpuCtrlImp::enable(CPU_CTRL_INFO& info) {
     ignoreResult(mPowerHalService->enableScenario(h, req.timeout > 0 ? toMillis(req.timeout) : 0));
 
     mEnabled = 1;
-    endRequest(qrnFunctionScope_);
     return true;
 }
 
 bool CpuCtrlImp::enable(CPU_CTRL_RANGE_INFO& info) {
-    QRN_FUNCTION_SCOPE("CpuCtrl::enable");
-    if (!beginRequest(__FUNCTION__, qrnFunctionScope_)) return false;
+    QRN_FUNCTION_SCOPE(scope, "CpuCtrl::enable");
+    OperationLock lock(mLock, scope);
+    if (!beginRequestLocked(__FUNCTION__)) return false;
     QRN_LOGD("[%s] MIN CORE:big/little(%d/%d), MAX CORE:big/little(%d/%d)", __FUNCTION__, info.bigCoreMin,
              info.littleCoreMin, info.bigCoreMax, info.littleCoreMax);
     // The values do not follow the labels (the "MIN FREQ" pair shows the big
@@ -202,14 +199,7 @@ bool CpuCtrlImp::enable(CPU_CTRL_RANGE_INFO& info) {
              info.bigFreqMax, info.littleFreqMin, info.littleFreqMax);
     QRN_LOGD("[%s] timeout(%d)", __FUNCTION__, info.timeout);
     mCpuCtrlRangeInfo = info;
-    if (mPowerHalService == nullptr) {
-        QRN_LOGW("[%s] IPower::getService() == NULL !!!", __FUNCTION__);
-        endRequest(qrnFunctionScope_);
-        return false;
-    }
-    // As in the other enable: earlier handles stay registered.
-    mPowerHalHandle = mPowerHalService->registerScenario();
-    QRN_LOGD("[%s] mPowerHalHandle:(%d)", __FUNCTION__, mPowerHalHandle);
+    if (!registerScenarioLocked(__FUNCTION__, "IPower::getService() == NULL !!!")) return false;
 
     const CPU_CTRL_RANGE_INFO& req = mCpuCtrlRangeInfo;
     const int32_t h = mPowerHalHandle;
@@ -234,18 +224,13 @@ bool CpuCtrlImp::enable(CPU_CTRL_RANGE_INFO& info) {
     ignoreResult(mPowerHalService->enableScenario(h, req.timeout >= 1 ? toMillis(req.timeout) : 0));
 
     mEnabled = 1;
-    endRequest(qrnFunctionScope_);
     return true;
 }
 
 bool CpuCtrlImp::disable() {
-    QRN_FUNCTION_SCOPE("CpuCtrl::disable");
-    pthread_mutex_lock(&mLock);
-    if (mUser.load(std::memory_order_relaxed) <= 0) {
-        QRN_LOGW("[%s] No user", __FUNCTION__);
-        endRequest(qrnFunctionScope_);
-        return false;
-    }
+    QRN_FUNCTION_SCOPE(scope, "CpuCtrl::disable");
+    OperationLock lock(mLock, scope);
+    if (!hasUserLocked(__FUNCTION__)) return false;
     if (mEnabled != 0) {
         // The scenario stays registered so that resetTimeout and the boost
         // can bring it back; only the last uninit drops it. A later init
@@ -256,7 +241,6 @@ bool CpuCtrlImp::disable() {
         if (mPowerHalHandle != -1) {
             if (mPowerHalService == nullptr) {
                 QRN_LOGE("[%s] mPowerHalService == NULL !!!", __FUNCTION__);
-                endRequest(qrnFunctionScope_);
                 return false;
             }
             ignoreResult(mPowerHalService->disableScenario(mPowerHalHandle));
@@ -265,29 +249,22 @@ bool CpuCtrlImp::disable() {
     } else {
         QRN_LOGD("[%s] Not thing to disable", __FUNCTION__);
     }
-    endRequest(qrnFunctionScope_);
     return true;
 }
 
 bool CpuCtrlImp::resetTimeout(int timeoutSeconds) {
-    QRN_FUNCTION_SCOPE("CpuCtrl::resetTimeout");
-    pthread_mutex_lock(&mLock);
-    if (mUser.load(std::memory_order_relaxed) <= 0) {
-        QRN_LOGW("[%s] No user", __FUNCTION__);
-        endRequest(qrnFunctionScope_);
-        return false;
-    }
+    QRN_FUNCTION_SCOPE(scope, "CpuCtrl::resetTimeout");
+    OperationLock lock(mLock, scope);
+    if (!hasUserLocked(__FUNCTION__)) return false;
     // The user check and the work are two locked sections.
-    pthread_mutex_unlock(&mLock);
-    pthread_mutex_lock(&mLock);
+    mLock.unlock();
+    mLock.lock();
     if (mPowerHalHandle == -1) {
         QRN_LOGW("[%s] mPowerHalHandle is invalid !!!", __FUNCTION__);
-        endRequest(qrnFunctionScope_);
         return false;
     }
     if (mPowerHalService == nullptr) {
         QRN_LOGE("[%s] mPowerHalService == NULL !!!", __FUNCTION__);
-        endRequest(qrnFunctionScope_);
         return false;
     }
     // mEnabled is left alone, so after disable() this brings the scenario
@@ -296,19 +273,18 @@ bool CpuCtrlImp::resetTimeout(int timeoutSeconds) {
     // the next request or uninit taking it down again first.
     ignoreResult(mPowerHalService->enableScenario(
         mPowerHalHandle, timeoutSeconds >= 1 ? toMillis(timeoutSeconds) : SCENARIO_TIMEOUT_MAX));
-    endRequest(qrnFunctionScope_);
     return true;
 }
 
 bool CpuCtrlImp::enableBoost(int timeoutSeconds) {
-    QRN_FUNCTION_SCOPE("CpuCtrl::enableBoost");
-    if (!beginRequest(__FUNCTION__, qrnFunctionScope_)) return false;
+    QRN_FUNCTION_SCOPE(scope, "CpuCtrl::enableBoost");
+    OperationLock lock(mLock, scope);
+    if (!beginRequestLocked(__FUNCTION__)) return false;
     // The boost adds its pins to whatever scenario is current, -1 included:
     // callers boost on top of the request they made just before, after an
     // init that found the service.
     if (mPowerHalService == nullptr) {
         QRN_LOGE("[%s] mPowerHalService == NULL !!!", __FUNCTION__);
-        endRequest(qrnFunctionScope_);
         return false;
     }
     const int32_t h = mPowerHalHandle;
@@ -322,21 +298,14 @@ bool CpuCtrlImp::enableBoost(int timeoutSeconds) {
     ignoreResult(mPowerHalService->enableScenario(h, timeoutSeconds > 0 ? toMillis(timeoutSeconds) : 0));
 
     mEnabled = 1;
-    endRequest(qrnFunctionScope_);
     return true;
 }
 
 bool CpuCtrlImp::enablePreferIdle() {
-    QRN_FUNCTION_SCOPE("CpuCtrl::enablePreferIdle");
-    if (!beginRequest(__FUNCTION__, qrnFunctionScope_)) return false;
-    if (mPowerHalService == nullptr) {
-        QRN_LOGW("[%s] mPowerHalService == NULL !!!", __FUNCTION__);
-        endRequest(qrnFunctionScope_);
-        return false;
-    }
-    // Earlier handles stay registered, as for enable.
-    mPowerHalHandle = mPowerHalService->registerScenario();
-    QRN_LOGD("[%s] mPowerHalHandle:(%d)", __FUNCTION__, mPowerHalHandle);
+    QRN_FUNCTION_SCOPE(scope, "CpuCtrl::enablePreferIdle");
+    OperationLock lock(mLock, scope);
+    if (!beginRequestLocked(__FUNCTION__)) return false;
+    if (!registerScenarioLocked(__FUNCTION__, "mPowerHalService == NULL !!!")) return false;
     QRN_LOGD("[%s] mPowerHalHandle=%d Cmd=%d,%d", __FUNCTION__, mPowerHalHandle, CMD_SET_PREFER_IDLE,
              CMD_SET_PREFER_IDLE_PARAM);
     const int32_t h = mPowerHalHandle;
@@ -346,21 +315,14 @@ bool CpuCtrlImp::enablePreferIdle() {
     ignoreResult(mPowerHalService->enableScenario(h, 0));
 
     mEnabled = 1;
-    endRequest(qrnFunctionScope_);
     return true;
 }
 
 bool CpuCtrlImp::cpuPerformanceMode(int timeoutSeconds) {
-    QRN_FUNCTION_SCOPE("CpuCtrl::cpuPerformanceMode");
-    if (!beginRequest(__FUNCTION__, qrnFunctionScope_)) return false;
-    if (mPowerHalService == nullptr) {
-        QRN_LOGW("[%s] mPowerHalService == NULL !!!", __FUNCTION__);
-        endRequest(qrnFunctionScope_);
-        return false;
-    }
-    // Earlier handles stay registered, as for enable.
-    mPowerHalHandle = mPowerHalService->registerScenario();
-    QRN_LOGD("[%s] mPowerHalHandle:(%d)", __FUNCTION__, mPowerHalHandle);
+    QRN_FUNCTION_SCOPE(scope, "CpuCtrl::cpuPerformanceMode");
+    OperationLock lock(mLock, scope);
+    if (!beginRequestLocked(__FUNCTION__)) return false;
+    if (!registerScenarioLocked(__FUNCTION__, "mPowerHalService == NULL !!!")) return false;
     const int32_t h = mPowerHalHandle;
     ignoreResult(mPowerHalService->configScenario(h, CMD_SET_CPU_PERF_MODE, 1, 0, 0, 0));
     // Without a timeout the mode lasts as long as the service allows, unlike
@@ -369,6 +331,5 @@ bool CpuCtrlImp::cpuPerformanceMode(int timeoutSeconds) {
         mPowerHalService->enableScenario(h, timeoutSeconds > 0 ? toMillis(timeoutSeconds) : SCENARIO_TIMEOUT_MAX));
 
     mEnabled = 1;
-    endRequest(qrnFunctionScope_);
     return true;
 }

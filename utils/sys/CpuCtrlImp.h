@@ -1,18 +1,13 @@
-// The one implementation of CpuCtrl. Private to the library; white-box tests
-// include it to look at the user count and the handle.
+// The one implementation of CpuCtrl, private to the library.
 #pragma once
 
 #include <CpuCtrl.h>
-#include <pthread.h>
 #include <stdint.h>
+#include <utils/Mutex.h>
 #include <utils/StrongPointer.h>
 
 #include <vendor/quarnel/hardware/power/2.0/IPower.h>
 #include <atomic>
-
-namespace qrncam::log {
-class ScopedFunctionTrace;
-}
 
 class CpuCtrlImp : public CpuCtrl {
   public:
@@ -22,38 +17,41 @@ class CpuCtrlImp : public CpuCtrl {
     ~CpuCtrlImp() override;
 
     void destroyInstance() override;
-    bool init() override;
-    bool uninit() override;
-    bool enable(CPU_CTRL_INFO& info) override;
-    bool enable(CPU_CTRL_RANGE_INFO& info) override;
-    bool enableBoost(int timeoutSeconds) override;
-    bool enablePreferIdle() override;
-    bool disable() override;
-    bool cpuPerformanceMode(int timeoutSeconds) override;
-    bool resetTimeout(int timeoutSeconds) override;
+    bool init() override EXCLUDES(mLock);
+    bool uninit() override EXCLUDES(mLock);
+    bool enable(CPU_CTRL_INFO& info) override EXCLUDES(mLock);
+    bool enable(CPU_CTRL_RANGE_INFO& info) override EXCLUDES(mLock);
+    bool enableBoost(int timeoutSeconds) override EXCLUDES(mLock);
+    bool enablePreferIdle() override EXCLUDES(mLock);
+    bool disable() override EXCLUDES(mLock);
+    bool cpuPerformanceMode(int timeoutSeconds) override EXCLUDES(mLock);
+    bool resetTimeout(int timeoutSeconds) override EXCLUDES(mLock);
 
   private:
-    friend struct CpuCtrlImpPeer;  // white-box tests
-
+    // False, with "[%s] No user" for function, while nobody has called init.
+    bool hasUserLocked(const char* function) REQUIRES(mLock);
+    // Withdraws the scenario in force through the object's own disable(),
+    // which takes mLock itself: the lock is released around that call, so
+    // another thread may come in between, and held again after it.
+    void withdrawLocked() REQUIRES(mLock);
     // The start shared by every request: the user check, then the previous
-    // scenario withdrawn through the own disable() with the lock released
-    // around it. Returns with mLock held and true, or with the lock released,
-    // the scope closed and false when there is no user.
-    bool beginRequest(const char* function, ::qrncam::log::ScopedFunctionTrace& scope);
-    // Closes the scope line under the lock, then unlocks.
-    void endRequest(::qrncam::log::ScopedFunctionTrace& scope);
+    // scenario withdrawn. False when there is no user.
+    bool beginRequestLocked(const char* function) REQUIRES(mLock);
+    // The new scenario of enable, enablePreferIdle and cpuPerformanceMode.
+    // False, with the warning "[%s] " noService, when init found no service.
+    bool registerScenarioLocked(const char* function, const char* noService) REQUIRES(mLock);
 
     // Serialises init, uninit, disable and the requests; released around a
     // request's nested disable().
-    pthread_mutex_t mLock;
+    ::android::Mutex mLock;
     // Changed only by atomic add/subtract of 1 with release ordering, and
-    // only with mLock held; being atomic, it can also be read without the lock.
-    std::atomic<int32_t> mUser;
-    int32_t mEnabled;                        // Guarded by mLock.
-    int32_t mPowerHalHandle;                 // Guarded by mLock.
-    ::android::sp<IPower> mPowerHalService;  // Guarded by mLock.
-    CPU_CTRL_INFO mCpuCtrlInfo;              // Guarded by mLock.
-    CPU_CTRL_RANGE_INFO mCpuCtrlRangeInfo;   // Guarded by mLock.
+    // only with mLock held.
+    std::atomic<int32_t> mUser GUARDED_BY(mLock);
+    int32_t mEnabled GUARDED_BY(mLock);
+    int32_t mPowerHalHandle GUARDED_BY(mLock);
+    ::android::sp<IPower> mPowerHalService GUARDED_BY(mLock);
+    CPU_CTRL_INFO mCpuCtrlInfo GUARDED_BY(mLock);
+    CPU_CTRL_RANGE_INFO mCpuCtrlRangeInfo GUARDED_BY(mLock);
 };
 
 static_assert(sizeof(std::atomic<int32_t>) == sizeof(int32_t), "mUser must stay a plain 32-bit count in memory");

@@ -16,11 +16,15 @@
 
 #include "FileCacheInternal.h"
 #include "FileCacheObserve.h"
+#include "Locking.h"
 
 #include <climits>
 #include <list>
 #include <new>
 #include <vector>
+
+using android::Mutex;
+using qrncam::UniqueLock;
 
 namespace NSCam {
 
@@ -55,35 +59,71 @@ struct QueueEntry {
 
 struct QueueRegistry {
     std::mutex lock;
-    std::list<QueueEntry> queues;  // stable addresses: workers keep theirs
+    std::list<QueueEntry> queues GUARDED_BY(lock);  // stable addresses: workers keep theirs
 };
+
+// The fork handlers take the registry's lock and every queue's before the
+// fork and release them after it, in the parent and in the child: the locks
+// are held across functions, which the analysis cannot follow, so it is off
+// for these three.
+QueueRegistry& queueRegistry();
+void forkPrepare() NO_THREAD_SAFETY_ANALYSIS {
+    QueueRegistry& qr = queueRegistry();
+    qr.lock.lock();
+    for (const QueueEntry& e : qr.queues)
+        if (e.queue != nullptr) e.prepare(e.queue);
+}
+void forkParent() NO_THREAD_SAFETY_ANALYSIS {
+    QueueRegistry& qr = queueRegistry();
+    for (const QueueEntry& e : qr.queues)
+        if (e.queue != nullptr) e.parent(e.queue);
+    qr.lock.unlock();
+}
+void forkChild() NO_THREAD_SAFETY_ANALYSIS {
+    QueueRegistry& qr = queueRegistry();
+    for (const QueueEntry& e : qr.queues)
+        if (e.queue != nullptr) e.child(e.queue);
+    qr.lock.unlock();
+}
 
 QueueRegistry& queueRegistry() {
     // Never destroyed: queues may unregister from exit handlers.
     static QueueRegistry* registry = [] {
         auto* r = new QueueRegistry;
-        pthread_atfork(
-            [] {
-                QueueRegistry& qr = queueRegistry();
-                qr.lock.lock();
-                for (const QueueEntry& e : qr.queues)
-                    if (e.queue != nullptr) e.prepare(e.queue);
-            },
-            [] {
-                QueueRegistry& qr = queueRegistry();
-                for (const QueueEntry& e : qr.queues)
-                    if (e.queue != nullptr) e.parent(e.queue);
-                qr.lock.unlock();
-            },
-            [] {
-                QueueRegistry& qr = queueRegistry();
-                for (const QueueEntry& e : qr.queues)
-                    if (e.queue != nullptr) e.child(e.queue);
-                qr.lock.unlock();
-            });
+        pthread_atfork(forkPrepare, forkParent, forkChild);
         return r;
     }();
     return *registry;
+}
+
+// A new queue's entry, with its fork handlers.
+QueueEntry* addQueueEntry(void* queue, void (*prepare)(void*), void (*parent)(void*), void (*child)(void*)) {
+    QueueRegistry& qr = queueRegistry();
+    std::lock_guard<std::mutex> g(qr.lock);
+    QueueEntry* entry = &qr.queues.emplace_back();
+    entry->queue = queue;
+    entry->prepare = prepare;
+    entry->parent = parent;
+    entry->child = child;
+    return entry;
+}
+
+// In a child that inherited a running job, the entry stays as that job's
+// only keeper (the worker that owned it is not in this process); it is just
+// detached from the queue.
+void removeQueueEntry(const void* queue) {
+    QueueRegistry& qr = queueRegistry();
+    std::lock_guard<std::mutex> g(qr.lock);
+    for (auto it = qr.queues.begin(); it != qr.queues.end();) {
+        if (it->queue != queue) {
+            ++it;
+        } else if (it->running.load(std::memory_order_relaxed) != nullptr) {
+            it->queue = nullptr;
+            ++it;
+        } else {
+            it = qr.queues.erase(it);
+        }
+    }
 }
 }  // namespace
 
@@ -98,15 +138,12 @@ JobQueue<void(), P>::templateOp<JQPriority(0), Unused>::dequeJobLocked(std::dequ
 
 template <JQPriority P>
 JobQueue<void(), P>::JobQueue(const char* name) : mName(name), mWorkerTid(0), mState(kStateAccepting), mJobCounter(0) {
-    QueueRegistry& qr = queueRegistry();
-    QueueEntry* entry;
-    {
-        std::lock_guard<std::mutex> g(qr.lock);
-        entry = &qr.queues.emplace_back();
-        entry->queue = this;
-        entry->prepare = [](void* q) { static_cast<JobQueue*>(q)->mMutex.lock(); };
-        entry->parent = [](void* q) { static_cast<JobQueue*>(q)->mMutex.unlock(); };
-        entry->child = [](void* q) {
+    // The queue's lock is held across the fork, as the registry's is (see
+    // forkPrepare).
+    QueueEntry* entry = addQueueEntry(
+        this, [](void* q) NO_THREAD_SAFETY_ANALYSIS { static_cast<JobQueue*>(q)->mMutex.lock(); },
+        [](void* q) NO_THREAD_SAFETY_ANALYSIS { static_cast<JobQueue*>(q)->mMutex.unlock(); },
+        [](void* q) NO_THREAD_SAFETY_ANALYSIS {
             auto* self = static_cast<JobQueue*>(q);
             // The forking thread is the child's only thread and owns the
             // lock. The condition variables may count waiters that do not
@@ -119,8 +156,7 @@ JobQueue<void(), P>::JobQueue(const char* name) : mName(name), mWorkerTid(0), mS
                 new (&self->mWorker) std::future<void>();
             self->setStateLocked(kStateStopped);
             self->mMutex.unlock();
-        };
-    }
+        });
     // std::launch::async: the worker always has a thread of its own. If the
     // thread cannot be created the exception leaves a static initialiser
     // and the runtime ends the process.
@@ -139,14 +175,14 @@ template <JQPriority P>
 void JobQueue<void(), P>::workerLoop(std::atomic<void*>* running) noexcept {
     mWorkerTid.store(pthread_self(), std::memory_order_release);
     for (;;) {
-        std::unique_lock<std::mutex> lock(mMutex);
+        UniqueLock lock(mMutex);
         // Only a fork from inside a job stops the queue under a running
         // worker; the child's copy of it then takes no further job.
         if (mState == kStateStopped) break;
         if (mJobs.empty()) {
             mIdleCond.notify_all();
             // No predicate: a spurious wake-up just leads to a fresh check.
-            mJobCond.wait(lock);
+            mJobCond.wait(lock.get());
             continue;
         }
         std::shared_ptr<JobTask> job = templateOp<P, void>::dequeJobLocked(mJobs);
@@ -222,26 +258,11 @@ JobQueue<void(), P>::~JobQueue() {
         // Waiting for the stop before the future keeps a destructor running
         // on the worker's own thread blocked, as intended, instead of letting
         // the runtime report a self-join and end the process.
-        mIdleCond.wait(lock, [this] { return mState == kStateStopped; });
+        while (mState != kStateStopped) mIdleCond.wait(lock);
         lock.unlock();
     }
     if (mWorker.valid()) mWorker.wait();
-
-    // In a child that inherited a running job, the entry stays as that
-    // job's only keeper (the worker that owned it is not in this process);
-    // it is just detached from the queue.
-    QueueRegistry& qr = queueRegistry();
-    std::lock_guard<std::mutex> g(qr.lock);
-    for (auto it = qr.queues.begin(); it != qr.queues.end();) {
-        if (it->queue != this) {
-            ++it;
-        } else if (it->running.load(std::memory_order_relaxed) != nullptr) {
-            it->queue = nullptr;
-            ++it;
-        } else {
-            it = qr.queues.erase(it);
-        }
-    }
+    removeQueueEntry(this);
 }
 
 template class JobQueue<void(), JQPriority(0)>;
@@ -261,22 +282,22 @@ std::atomic<int64_t> gStorageLimit{1073741824};
 namespace {
 
 // The lock is held across fork(), so that a child never starts with a copy
-// of it that another thread of the parent held.
-pthread_mutex_t* newCachedBytesLock() {
-    pthread_mutex_t* m = new pthread_mutex_t;
-    pthread_mutex_init(m, nullptr);
-    pthread_atfork([] { pthread_mutex_lock(gCachedBytesLock); }, [] { pthread_mutex_unlock(gCachedBytesLock); },
-                   [] { pthread_mutex_unlock(gCachedBytesLock); });
+// of it that another thread of the parent held (the handlers hold it across
+// functions, which the analysis cannot follow).
+Mutex* newCachedBytesLock() {
+    Mutex* m = new Mutex;
+    pthread_atfork([]() NO_THREAD_SAFETY_ANALYSIS { gCachedBytesLock->lock(); },
+                   []() NO_THREAD_SAFETY_ANALYSIS { gCachedBytesLock->unlock(); },
+                   []() NO_THREAD_SAFETY_ANALYSIS { gCachedBytesLock->unlock(); });
     return m;
 }
 
 // Gives written (or abandoned) bytes back to the budget.
-void credit(const void* flush, unsigned int bytes) {
+void credit(const void* flush, unsigned int bytes) EXCLUDES(gCachedBytesLock) {
     (void)flush;  // names the flush to the host's note only
-    pthread_mutex_lock(gCachedBytesLock);
+    Mutex::Autolock lock(gCachedBytesLock);
     gCachedBytes.store(gCachedBytes.load(std::memory_order_relaxed) - bytes, std::memory_order_relaxed);
     QRN_FILECACHE_NOTE(Credit, nullptr, flush, nullptr, bytes, gCachedBytes.load(std::memory_order_relaxed), 0, true);
-    pthread_mutex_unlock(gCachedBytesLock);
 }
 
 constexpr size_t kNameBlockSize = 256;
@@ -347,8 +368,7 @@ struct FlushJob {
 
         char name[kNameBlockSize];
         release(fileName, chunks, name);
-        FC_LOGI(logEnabled(), "<%s> write done, (remain = %d KB)", name,
-                static_cast<int>(gCachedBytes.load(std::memory_order_relaxed) >> 10));
+        FC_LOGI(logEnabled(), "<%s> write done, (remain = %d KB)", name, static_cast<int>(cachedBytesUnlocked() >> 10));
         QRN_FILECACHE_NOTE(End, nullptr, chunks, name, 0, 0, 0, written);
         (void)written;  // read only by the host's note
     }
@@ -416,7 +436,7 @@ class PendingFlush {
 // (which starts its worker). The queue's destructor is registered as an exit
 // handler as soon as it is built, so flushes still queued at exit or unload
 // reach storage before the process ends.
-pthread_mutex_t* gCachedBytesLock = newCachedBytesLock();
+Mutex* gCachedBytesLock = newCachedBytesLock();
 NSCam::JobQueue<void(), NSCam::JQPriority(0)> gFileCacheQueue("UT");
 
 // ---------------------------------------------------------------------------
@@ -443,8 +463,9 @@ android::sp<IFileCache> IFileCache::open(const char* fileName) {
 
 }  // namespace NSCam
 
+// mLock is initialised first, as a member, with default attributes, and goes
+// last.
 FileCache::FileCache(const char* fileName) : mFileName(nullptr), mChunks(nullptr) {
-    pthread_mutex_init(&mLock, nullptr);
     // Every new cache reloads both for the whole process.
     gFileCacheLog.store(property_get_int32("vendor.debug.file_cache.log", 0), std::memory_order_relaxed);
     gStorageLimit.store(property_get_int64("vendor.debug.file_cache.storage_size", kDefaultStorageSize),
@@ -476,7 +497,6 @@ FileCache::~FileCache() {
     QRN_FILECACHE_NOTE(Drop, this, mChunks, name, 0, 0, 0, mChunks != nullptr);
     if (mChunks != nullptr) writeToFile(mFileName, mChunks);
     FC_LOGI(logEnabled(), "<%s> Dealloc of FileCache", name);
-    pthread_mutex_destroy(&mLock);
 }
 
 void FileCache::onFirstRef() {}
@@ -490,51 +510,50 @@ int FileCache::write(const void* data, unsigned int size) {
         return -1;
     }
 
-    int result;
-    pthread_mutex_lock(&mLock);
-    pthread_mutex_lock(gCachedBytesLock);
-    // The check and the charge share one critical section, so racing writers
-    // cannot overrun the budget. The limit is compared unsigned: a negative
-    // one lifts the budget altogether.
-    const uint64_t limit = static_cast<uint64_t>(gStorageLimit.load(std::memory_order_relaxed));
-    const uint64_t cached = gCachedBytes.load(std::memory_order_relaxed);
-    if (cached + size > limit) {
-        QRN_FILECACHE_NOTE(Refuse, this, nullptr, mFileName, size, cached, static_cast<int64_t>(limit), false);
-        pthread_mutex_unlock(gCachedBytesLock);
-        FC_LOGE("<%s> Storage size exceed %uMB/%uMB", mFileName,
-                static_cast<unsigned>(gCachedBytes.load(std::memory_order_relaxed) >> 20),
-                static_cast<unsigned>(gStorageLimit.load(std::memory_order_relaxed) >> 20));
-        result = -1;
-    } else {
-        gCachedBytes.store(cached + size, std::memory_order_relaxed);
-        QRN_FILECACHE_NOTE(Write, this, nullptr, mFileName, size, cached + size, static_cast<int64_t>(limit), true);
-        pthread_mutex_unlock(gCachedBytesLock);
-
-        void* block = malloc(size);
-        if (block == nullptr) {
-            // The charge is not taken back: that would mean the global lock
-            // again on a path that only runs when memory is already short,
-            // so the budget shrinks by size for the rest of the process.
-            FC_LOGE("<%s> Fail to allocate memory", mFileName);
-            result = -1;
+    Mutex::Autolock lock(mLock);
+    bool charged;
+    {
+        // The check and the charge share one critical section, so racing
+        // writers cannot overrun the budget. The limit is compared unsigned:
+        // a negative one lifts the budget altogether.
+        Mutex::Autolock budget(gCachedBytesLock);
+        const uint64_t limit = static_cast<uint64_t>(gStorageLimit.load(std::memory_order_relaxed));
+        const uint64_t cached = gCachedBytes.load(std::memory_order_relaxed);
+        charged = cached + size <= limit;
+        if (charged) {
+            gCachedBytes.store(cached + size, std::memory_order_relaxed);
+            QRN_FILECACHE_NOTE(Write, this, nullptr, mFileName, size, cached + size, static_cast<int64_t>(limit), true);
         } else {
-            if (size != 0) memcpy(block, data, size);
-            FC_LOGD(logEnabled(), "<%s> Write %d bytes to memory", mFileName, static_cast<int>(size));
-            // A block the list has no room for is not kept, so neither its
-            // memory nor its charge is.
-            try {
-                mChunks->push_back(std::make_pair(block, size));
-                result = static_cast<int>(size);
-            } catch (const std::bad_alloc&) {
-                free(block);
-                credit(nullptr, size);
-                FC_LOGE("<%s> Fail to allocate memory", mFileName);
-                result = -1;
-            }
+            QRN_FILECACHE_NOTE(Refuse, this, nullptr, mFileName, size, cached, static_cast<int64_t>(limit), false);
         }
     }
-    pthread_mutex_unlock(&mLock);
-    return result;
+    if (!charged) {
+        FC_LOGE("<%s> Storage size exceed %uMB/%uMB", mFileName, static_cast<unsigned>(cachedBytesUnlocked() >> 20),
+                static_cast<unsigned>(gStorageLimit.load(std::memory_order_relaxed) >> 20));
+        return -1;
+    }
+
+    void* block = malloc(size);
+    if (block == nullptr) {
+        // The charge is not taken back: that would mean the global lock
+        // again on a path that only runs when memory is already short, so
+        // the budget shrinks by size for the rest of the process.
+        FC_LOGE("<%s> Fail to allocate memory", mFileName);
+        return -1;
+    }
+    if (size != 0) memcpy(block, data, size);
+    FC_LOGD(logEnabled(), "<%s> Write %d bytes to memory", mFileName, static_cast<int>(size));
+    // A block the list has no room for is not kept, so neither its memory
+    // nor its charge is.
+    try {
+        mChunks->push_back(std::make_pair(block, size));
+    } catch (const std::bad_alloc&) {
+        free(block);
+        credit(nullptr, size);
+        FC_LOGE("<%s> Fail to allocate memory", mFileName);
+        return -1;
+    }
+    return static_cast<int>(size);
 }
 
 void writeToFile(char* fileName, std::vector<std::pair<void*, unsigned int>>* chunks) {

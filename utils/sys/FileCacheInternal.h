@@ -2,17 +2,23 @@
 // static archive. None of it is exported from the shared library.
 #pragma once
 
-#include <pthread.h>
 #include <stdint.h>
+#include <utils/Mutex.h>
 
+#include <IFileCache.h>
 #include <JobQueue.h>
 #include <atomic>
 
-// Bytes accepted by write() and not yet released by a flush job. Changed only
-// under *gCachedBytesLock; read without it by log lines.
-extern std::atomic<uint64_t> gCachedBytes;
-// Guards gCachedBytes. Taken after a cache's own mLock, never before it.
-extern pthread_mutex_t* gCachedBytesLock;
+// gCachedBytesLock (declared with FileCache, whose lock comes first) guards
+// gCachedBytes: the bytes accepted by write() and not yet released by a flush
+// job. Changed only under the lock, so that a write's check and charge are
+// one step.
+extern std::atomic<uint64_t> gCachedBytes GUARDED_BY(gCachedBytesLock);
+// The budget as log lines, tests and host programs show it: read without the
+// lock, so by the time it is shown it may have changed.
+inline uint64_t cachedBytesUnlocked() NO_THREAD_SAFETY_ANALYSIS {
+    return gCachedBytes.load(std::memory_order_relaxed);
+}
 // Budget and log switch, reloaded from properties by every constructor. No
 // lock: each is one atomic value, stored and loaded whole.
 extern std::atomic<int64_t> gStorageLimit;

@@ -6,6 +6,7 @@
 #include <android/hidl/base/1.0/IBase.h>
 #include <hidl/HidlSupport.h>
 #include <hidl/Status.h>
+#include <qrnhost/locking.h>
 #include <utils/RefBase.h>
 
 #include <chrono>
@@ -56,8 +57,8 @@ class Connection : public ::android::RefBase {
     const std::string mDescriptor;
     const std::string mInstance;
     mutable std::mutex mLock;
-    sp<IBase> mService;
-    std::vector<Link> mLinks;
+    sp<IBase> mService QRNHOST_GUARDED_BY(mLock);
+    std::vector<Link> mLinks QRNHOST_GUARDED_BY(mLock);
 };
 
 // Registers service under (descriptor, instance), replacing an earlier one

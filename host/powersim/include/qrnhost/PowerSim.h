@@ -6,6 +6,7 @@
 #pragma once
 
 #include <PowerScenario.h>  // the codes it interprets, for readers of its journal
+#include <qrnhost/locking.h>
 #include <stdint.h>
 #include <sys/types.h>
 
@@ -122,17 +123,16 @@ class SimPowerService : public IPower {
     const std::vector<int32_t>& clusterMaxFreq() const { return mClusterMaxFreq; }
 
   private:
-    Call& journalLocked(Op op, std::vector<int32_t> args);
-    bool takeFailureLocked(Op op, Status* status);
+    Call& journalLocked(Op op, std::vector<int32_t> args) QRNHOST_REQUIRES(mLock);
+    bool takeFailureLocked(Op op, Status* status) QRNHOST_REQUIRES(mLock);
 
     mutable std::mutex mLock;
     std::vector<int32_t> mClusterMaxFreq;  // set once by the constructor
-    // Guarded by mLock:
-    int32_t mNextHandle;
-    std::map<int32_t, Scenario> mScenarios;
-    std::vector<Call> mJournal;
-    std::map<Op, std::deque<Status>> mFailures;
-    std::function<void(const Call&)> mObserver;
+    int32_t mNextHandle QRNHOST_GUARDED_BY(mLock);
+    std::map<int32_t, Scenario> mScenarios QRNHOST_GUARDED_BY(mLock);
+    std::vector<Call> mJournal QRNHOST_GUARDED_BY(mLock);
+    std::map<Op, std::deque<Status>> mFailures QRNHOST_GUARDED_BY(mLock);
+    std::function<void(const Call&)> mObserver QRNHOST_GUARDED_BY(mLock);
 };
 
 // Creates a simulator and registers it as the "default" vendor power service.

@@ -14,6 +14,7 @@
 #include <stdint.h>
 
 #include <qrncam/utils/ULog.h>
+#include <qrnhost/locking.h>
 #include <condition_variable>
 #include <mutex>
 #include <string>
@@ -84,9 +85,9 @@ class Capture : public NSCam::Utils::ULog::ULogger {
     enum class Hold { None, Armed, Held, Released };
     mutable std::mutex mLock;
     std::condition_variable mHoldChanged;
-    std::vector<Record> mRecords;  // Guarded by mLock
-    Hold mHold = Hold::None;       // Guarded by mLock
-    std::string mHoldText;         // Guarded by mLock
+    std::vector<Record> mRecords QRNHOST_GUARDED_BY(mLock);
+    Hold mHold QRNHOST_GUARDED_BY(mLock) = Hold::None;
+    std::string mHoldText QRNHOST_GUARDED_BY(mLock);
     uint32_t mSavedMode, mSavedLevel, mSavedMask;
     ULogger* mSavedLogger;
 };
