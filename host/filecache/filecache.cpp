@@ -4,6 +4,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
+#include <new>
 #include <utility>
 #include <vector>
 
@@ -28,8 +29,12 @@ struct State {
     }
 };
 
+// Never destroyed: flushes run in exit handlers. Built in static storage
+// rather than on the heap, so that the library's first note cannot fail for
+// want of memory (a throw inside a cache's constructor or under its locks).
 State& state() {
-    static auto* s = new State;  // never destroyed: flushes run in exit handlers
+    alignas(State) static unsigned char storage[sizeof(State)];
+    static State* s = new (storage) State;
     return *s;
 }
 
@@ -50,7 +55,7 @@ const char* eventName(Event e) {
     return "?";
 }
 
-void note(const Note& n) {
+void note(const Note& n) noexcept {
     State& s = state();
     switch (n.event) {
         case Event::Write:
@@ -61,7 +66,14 @@ void note(const Note& n) {
     }
     if (s.observerCount.load(std::memory_order_acquire) != 0) {
         std::lock_guard<std::mutex> g(s.lock);
-        for (const auto& [id, observer] : s.observers) observer(n);
+        // An observer's exception must not unwind through the library's
+        // locked sections: that note is lost to it instead.
+        for (const auto& [id, observer] : s.observers) {
+            try {
+                observer(n);
+            } catch (...) {
+            }
+        }
     }
     if (n.event == Event::End || n.event == Event::Discard) {
         std::lock_guard<std::mutex> g(s.lock);

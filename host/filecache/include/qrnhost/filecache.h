@@ -36,12 +36,14 @@ struct Note {
     bool ok = false;       // End
 };
 
-// Called by the library (host builds only).
-void note(const Note& n);
+// Called by the library (host builds only). Never throws and never
+// allocates, so it cannot change how the library fails.
+void note(const Note& n) noexcept;
 
 // Observers receive every note on the thread that made the step, in the
 // order of the steps on the budget: the library holds its own locks while it
-// calls them, so an observer must be quick and must not call the file cache.
+// calls them, so an observer must be quick and must not call the file cache;
+// a note whose observer throws is lost to that observer.
 // addObserver returns an id for removeObserver.
 using Observer = std::function<void(const Note&)>;
 int addObserver(Observer observer);
