@@ -3,8 +3,10 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <list>
 #include <mutex>
 #include <new>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -27,7 +29,29 @@ struct State {
         done.fetch_add(1, std::memory_order_acq_rel);
         over.notify_all();
     }
+
+    // The dumps not complete yet, in order: caches by their address, flushes
+    // by theirs. Only opens, drops and flushes touch them, never a write.
+    std::mutex dumpLock;
+    std::list<std::pair<const void*, std::string>> open QRNHOST_GUARDED_BY(dumpLock);
+    std::list<std::pair<const void*, std::string>> pending QRNHOST_GUARDED_BY(dumpLock);
 };
+
+void forget(std::list<std::pair<const void*, std::string>>& dumps, const void* key) {
+    for (auto it = dumps.begin(); it != dumps.end(); ++it) {
+        if (it->first == key) {
+            dumps.erase(it);
+            return;
+        }
+    }
+}
+
+std::vector<std::string> names(const std::list<std::pair<const void*, std::string>>& dumps) {
+    std::vector<std::string> out;
+    out.reserve(dumps.size());
+    for (const auto& d : dumps) out.push_back(d.second);
+    return out;
+}
 
 // Never destroyed: flushes run in exit handlers. Built in static storage
 // rather than on the heap, so that the library's first note cannot fail for
@@ -36,6 +60,23 @@ State& state() {
     alignas(State) static unsigned char storage[sizeof(State)];
     static State* s = new (storage) State;
     return *s;
+}
+
+// Follows which dumps are not complete. A note made while memory is short
+// must not throw: the list then misses that dump.
+void track(State& s, const Note& n) {
+    try {
+        std::lock_guard<std::mutex> g(s.dumpLock);
+        switch (n.event) {
+            case Event::Open: s.open.emplace_back(n.cache, n.name != nullptr ? n.name : ""); break;
+            case Event::Drop: forget(s.open, n.cache); break;
+            case Event::Queue: s.pending.emplace_back(n.flush, n.name != nullptr ? n.name : ""); break;
+            case Event::End:
+            case Event::Discard: forget(s.pending, n.flush); break;
+            default: break;
+        }
+    } catch (const std::bad_alloc&) {
+    }
 }
 
 }  // namespace
@@ -57,6 +98,8 @@ const char* eventName(Event e) {
 
 void note(const Note& n) noexcept {
     State& s = state();
+    if (n.event != Event::Write && n.event != Event::Refuse && n.event != Event::Credit && n.event != Event::Begin)
+        track(s, n);
     switch (n.event) {
         case Event::Write:
         case Event::Refuse:
@@ -121,6 +164,18 @@ bool waitForFlushes(std::chrono::milliseconds timeout) {
 
 uint64_t charged() {
     return state().charged.load(std::memory_order_relaxed);
+}
+
+std::vector<std::string> openCaches() {
+    State& s = state();
+    std::lock_guard<std::mutex> g(s.dumpLock);
+    return names(s.open);
+}
+
+std::vector<std::string> pendingFlushes() {
+    State& s = state();
+    std::lock_guard<std::mutex> g(s.dumpLock);
+    return names(s.pending);
 }
 
 }  // namespace qrnhost::filecache

@@ -1,15 +1,19 @@
 #define LOG_TAG "hidl_host"
 #include <android/hidl/base/1.0/IBase.h>
 #include <log/log.h>
+#include <pthread.h>
 #include <stdio.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <qrnhost/hidl.h>
 #include <qrnhost/locking.h>
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <utility>
@@ -158,36 +162,63 @@ namespace qrnhost::hidl {
 namespace {
 
 // One thread that delivers death notifications, like a binder thread of the
-// device's runtime. Started on first use and joined at exit.
+// device's runtime. Started on first use and joined at exit. A child made by
+// fork() starts a thread of its own when it needs one: the parent's is not
+// there, and the notice it was delivering at the fork is lost to the child.
 class Runtime {
   public:
     ~Runtime() { stop(); }
 
     void post(std::function<void()> job) {
         std::lock_guard<std::mutex> g(mLock);
-        if (!mThread.joinable()) mThread = std::thread([this] { loop(); });
+        if (mThread == nullptr || mThreadPid != getpid()) {
+            if (mThread != nullptr) (void)mThread.release();  // the parent's thread
+            mThreadPid = getpid();
+            mThread = std::make_unique<std::thread>([this] { loop(); });
+        }
         mJobs.push_back(std::move(job));
         mCond.notify_all();
     }
 
-    void waitIdle() {
+    bool waitIdle(std::chrono::milliseconds timeout) {
+        const auto deadline = std::chrono::steady_clock::now() + timeout;
         qrnhost::UniqueLock g(mLock);
-        while (!mJobs.empty() || mBusy) mIdle.wait(g.get());
+        // On the runtime thread itself what is queued could never be delivered.
+        if (onThread()) return mJobs.empty() && !mBusy;
+        while (!mJobs.empty() || mBusy)
+            if (mIdle.wait_until(g.get(), deadline) == std::cv_status::timeout) return mJobs.empty() && !mBusy;
+        return true;
     }
 
     bool onThread() const { return std::this_thread::get_id() == mThreadId.load(); }
 
+    // fork() while the runtime thread holds the lock would leave it locked
+    // in the child for good: the forking thread takes it around the fork.
+    void lockForFork() QRNHOST_ACQUIRE(mLock) { mLock.lock(); }
+    void unlockInParent() QRNHOST_RELEASE(mLock) { mLock.unlock(); }
+    void unlockInChild() QRNHOST_RELEASE(mLock) {
+        mBusy = false;
+        mThreadId.store(std::thread::id());
+        mLock.unlock();
+    }
+
   private:
     // Lets the thread deliver what is queued, then joins it.
     void stop() {
-        std::thread thread;
+        std::unique_ptr<std::thread> thread;
+        bool ours = false;
         {
             std::lock_guard<std::mutex> g(mLock);
             mStop = true;
             thread = std::move(mThread);
+            ours = mThreadPid == getpid();
         }
         mCond.notify_all();
-        if (thread.joinable()) thread.join();
+        if (thread == nullptr) return;
+        if (ours)
+            thread->join();
+        else
+            (void)thread.release();  // the parent's thread: nothing to join here
     }
 
     void loop() {
@@ -215,13 +246,11 @@ class Runtime {
     bool mStop QRNHOST_GUARDED_BY(mLock) = false;
     bool mBusy QRNHOST_GUARDED_BY(mLock) = false;
     std::atomic<std::thread::id> mThreadId{};
-    std::thread mThread QRNHOST_GUARDED_BY(mLock);
+    std::unique_ptr<std::thread> mThread QRNHOST_GUARDED_BY(mLock);
+    pid_t mThreadPid QRNHOST_GUARDED_BY(mLock) = 0;
 };
 
-Runtime& runtime() {
-    static Runtime r;
-    return r;
-}
+Runtime& runtime();
 
 using Name = std::pair<std::string, std::string>;  // descriptor, instance
 
@@ -234,6 +263,11 @@ struct LinkFault {
 struct Registry {
     std::mutex lock;
     std::map<Name, sp<Connection>> services QRNHOST_GUARDED_BY(lock);
+
+    // Taken alone, never with another lock of the registry.
+    std::mutex observerLock;
+    std::vector<std::pair<int, std::function<void(const sp<Connection>&)>>> observers QRNHOST_GUARDED_BY(observerLock);
+    int nextObserver QRNHOST_GUARDED_BY(observerLock) = 1;
 
     // A leaf lock: taken under a connection's lock, never the other way.
     std::mutex faultLock;
@@ -252,6 +286,32 @@ struct Registry {
 
 Registry& registry() {
     static Registry* r = new Registry;  // outlives every exit handler
+    return *r;
+}
+
+// Around fork(): the notice lock before the runtime's, the order in which
+// die() takes them. Taken in one handler and let go in another, which the
+// lock analysis cannot follow.
+void prepareFork() QRNHOST_NO_THREAD_SAFETY_ANALYSIS {
+    registry().noticeLock.lock();
+    runtime().lockForFork();
+}
+void parentAfterFork() QRNHOST_NO_THREAD_SAFETY_ANALYSIS {
+    runtime().unlockInParent();
+    registry().noticeLock.unlock();
+}
+void childAfterFork() QRNHOST_NO_THREAD_SAFETY_ANALYSIS {
+    runtime().unlockInChild();
+    registry().noticeLock.unlock();
+}
+
+Runtime& runtime() {
+    static Runtime* r = [] {
+        static Runtime runtime;
+        registry();
+        pthread_atfork(prepareFork, parentAfterFork, childAfterFork);
+        return &runtime;
+    }();
     return *r;
 }
 
@@ -353,16 +413,42 @@ void Connection::die() {
 ::android::status_t registerService(const std::string& descriptor, const std::string& instance,
                                     const sp<IBase>& service) {
     if (service == nullptr) return ::android::BAD_VALUE;
-    sp<Connection> old;
+    sp<Connection> old, added;
+    Registry& r = registry();
     {
-        Registry& r = registry();
         std::lock_guard<std::mutex> g(r.lock);
         auto& slot = r.services[{descriptor, instance}];
         old = slot;
-        slot = new Connection(descriptor, instance, service);
+        slot = added = new Connection(descriptor, instance, service);
     }
     if (old != nullptr) old->die();
+    std::lock_guard<std::mutex> g(r.observerLock);
+    for (const auto& o : r.observers) o.second(added);
     return ::android::OK;
+}
+
+int addRegistrationObserver(std::function<void(const sp<Connection>&)> observer) {
+    Registry& r = registry();
+    std::lock_guard<std::mutex> g(r.observerLock);
+    r.observers.emplace_back(r.nextObserver, std::move(observer));
+    return r.nextObserver++;
+}
+
+void removeRegistrationObserver(int id) {
+    Registry& r = registry();
+    std::lock_guard<std::mutex> g(r.observerLock);
+    r.observers.erase(
+        std::remove_if(r.observers.begin(), r.observers.end(), [id](const auto& o) { return o.first == id; }),
+        r.observers.end());
+}
+
+std::vector<sp<Connection>> registered() {
+    Registry& r = registry();
+    std::lock_guard<std::mutex> g(r.lock);
+    std::vector<sp<Connection>> out;
+    out.reserve(r.services.size());
+    for (const auto& e : r.services) out.push_back(e.second);
+    return out;
 }
 
 sp<Connection> lookup(const std::string& descriptor, const std::string& instance) {
@@ -426,7 +512,7 @@ void clearLinkToDeathFaults(const std::string& descriptor, const std::string& in
     r.linkFaults.erase({descriptor, instance});
 }
 
-void unregisterAll() {
+bool unregisterAll(std::chrono::milliseconds timeout) {
     std::map<Name, sp<Connection>> all;
     {
         Registry& r = registry();
@@ -440,11 +526,11 @@ void unregisterAll() {
     }
     for (auto& e : all) e.second->die();
     all.clear();
-    waitForRuntimeIdle();
+    return waitForRuntimeIdle(timeout);
 }
 
-void waitForRuntimeIdle() {
-    runtime().waitIdle();
+bool waitForRuntimeIdle(std::chrono::milliseconds timeout) {
+    return runtime().waitIdle(timeout);
 }
 
 void postToRuntime(std::function<void()> job) {

@@ -9,11 +9,13 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <set>
 #include <sstream>
 
 namespace qrnhost::power {
 
 using namespace vendor::quarnel::hardware::power::V2_0;
+using ::android::hidl::base::V1_0::IBase;
 
 const char* opName(Op op) {
     switch (op) {
@@ -75,11 +77,54 @@ std::vector<int32_t> readCpufreqPolicies(const std::string& root) {
     return out;
 }
 
+namespace {
+
+// Every simulator alive, by its service object's address: how a registered
+// service is known to be one (the host builds tests without RTTI too).
+struct Simulators {
+    std::mutex lock;
+    std::set<const IBase*> alive QRNHOST_GUARDED_BY(lock);
+};
+
+Simulators& simulators() {
+    static auto* s = new Simulators;  // simulators may outlive static destruction
+    return *s;
+}
+
+}  // namespace
+
 SimPowerService::SimPowerService(const Config& config) : mNextHandle(config.firstHandle) {
     mClusterMaxFreq = config.clusterMaxFreq;
     if (mClusterMaxFreq.empty()) mClusterMaxFreq = readCpufreqPolicies(config.cpufreqRoot);
     if (mClusterMaxFreq.empty())
         mClusterMaxFreq.assign(static_cast<size_t>(std::max(0, config.defaultClusters)), config.defaultMaxFreq);
+    Simulators& all = simulators();
+    std::lock_guard<std::mutex> g(all.lock);
+    all.alive.insert(static_cast<const IBase*>(this));
+}
+
+SimPowerService::~SimPowerService() {
+    Simulators& all = simulators();
+    std::lock_guard<std::mutex> g(all.lock);
+    all.alive.erase(static_cast<const IBase*>(this));
+}
+
+sp<SimPowerService> simulatorOf(const sp<IBase>& service) {
+    if (service == nullptr) return nullptr;
+    Simulators& all = simulators();
+    std::lock_guard<std::mutex> g(all.lock);
+    // The caller's reference keeps the object alive while it is looked at.
+    if (all.alive.count(service.get()) == 0) return nullptr;
+    return static_cast<SimPowerService*>(static_cast<IPower*>(service.get()));
+}
+
+std::vector<std::pair<std::string, sp<SimPowerService>>> registeredSimulators() {
+    std::vector<std::pair<std::string, sp<SimPowerService>>> out;
+    for (const sp<qrnhost::hidl::Connection>& c : qrnhost::hidl::registered()) {
+        sp<SimPowerService> sim = simulatorOf(c->service());
+        if (sim != nullptr) out.emplace_back(c->instance(), sim);
+    }
+    return out;
 }
 
 namespace {

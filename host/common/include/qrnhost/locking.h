@@ -23,6 +23,8 @@
 #define QRNHOST_ACQUIRE(...) QRNHOST_THREAD_ANNOTATION_(acquire_capability(__VA_ARGS__))
 #define QRNHOST_RELEASE(...) QRNHOST_THREAD_ANNOTATION_(release_capability(__VA_ARGS__))
 #define QRNHOST_SCOPED_CAPABILITY QRNHOST_THREAD_ANNOTATION_(scoped_lockable)
+// For a lock taken in one function and let go in another (fork handlers).
+#define QRNHOST_NO_THREAD_SAFETY_ANALYSIS QRNHOST_THREAD_ANNOTATION_(no_thread_safety_analysis)
 
 namespace qrnhost {
 

@@ -9,6 +9,8 @@
 
 #include <chrono>
 #include <functional>
+#include <string>
+#include <vector>
 
 namespace qrnhost::filecache {
 
@@ -57,5 +59,11 @@ uint64_t flushesOver();
 bool waitForFlushes(std::chrono::milliseconds timeout = std::chrono::seconds(30));
 // The budget's total (bytes charged and not yet credited) as last noted.
 uint64_t charged();
+
+// Names of the files whose caches are open now (made and not yet dropped),
+// and of those whose flushes are queued or running, in the order they were
+// opened or queued: the dumps whose files are not complete yet.
+std::vector<std::string> openCaches();
+std::vector<std::string> pendingFlushes();
 
 }  // namespace qrnhost::filecache

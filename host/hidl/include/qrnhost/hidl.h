@@ -69,6 +69,16 @@ class Connection : public ::android::RefBase {
 // The live connection for (descriptor, instance), or null.
 sp<Connection> lookup(const std::string& descriptor, const std::string& instance);
 
+// Every registered connection, by descriptor and instance name.
+std::vector<sp<Connection>> registered();
+
+// Observers told of each registration (the new connection), on the thread
+// that registers, after the service is reachable. addRegistrationObserver
+// returns an id for removeRegistrationObserver. An observer must not
+// register services itself.
+int addRegistrationObserver(std::function<void(const sp<Connection>&)> observer);
+void removeRegistrationObserver(int id);
+
 // Host only: the service dies. getService() stops returning it, calls through
 // existing proxies fail in transport, and each recipient linked to it has
 // serviceDied() called once, on the runtime thread. Returns false when no
@@ -105,11 +115,13 @@ void clearLinkToDeathFaults(const std::string& descriptor, const std::string& in
 
 // Removes every registration (each is declared dead), forgets every
 // linkToDeath() fault and waits for the runtime to deliver the
-// notifications.
-void unregisterAll();
+// notifications, at most timeout; false when they were not all delivered.
+bool unregisterAll(std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
-// Blocks until the runtime thread has delivered every queued notification.
-void waitForRuntimeIdle();
+// Blocks until the runtime thread has delivered every queued notification,
+// at most timeout; false on timeout, and at once on the runtime thread
+// itself with work still queued (it could never finish).
+bool waitForRuntimeIdle(std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
 // Runs job on the runtime thread (the thread on which serviceDied arrives).
 void postToRuntime(std::function<void()> job);

@@ -18,6 +18,7 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace qrnhost::power {
@@ -87,6 +88,7 @@ std::vector<int32_t> readCpufreqPolicies(const std::string& root);
 class SimPowerService : public IPower {
   public:
     explicit SimPowerService(const Config& config = Config());
+    ~SimPowerService() override;
 
     // IPower
     Return<int32_t> querySystemInfo(int32_t cmd, int32_t param) override;
@@ -134,6 +136,12 @@ class SimPowerService : public IPower {
     std::map<Op, std::deque<Status>> mFailures QRNHOST_GUARDED_BY(mLock);
     std::function<void(const Call&)> mObserver QRNHOST_GUARDED_BY(mLock);
 };
+
+// The simulator behind a service object (what a registration holds), or
+// null when that object is not a simulator.
+sp<SimPowerService> simulatorOf(const sp<::android::hidl::base::V1_0::IBase>& service);
+// The simulators registered now (under any instance name), with their names.
+std::vector<std::pair<std::string, sp<SimPowerService>>> registeredSimulators();
 
 // Creates a simulator and registers it as the "default" vendor power service.
 sp<SimPowerService> startDefaultService(const Config& config = Config());
