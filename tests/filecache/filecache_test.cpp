@@ -61,7 +61,7 @@ class FileCacheTest : public ::testing::Test {
         drain();
         mStart = cachedBytesUnlocked();
     }
-    void TearDown() override { mCaches.clear(), drain(); }
+    void TearDown() override { mCaches.clear(), drain(), qrnhost::properties::reset(); }
     std::vector<std::string> lines() const { return mCap.texts(qt::Sink::Android, "file_cache"); }
     std::string file(const std::string& name) const { return mDir.file(name); }
 

@@ -106,8 +106,16 @@ TEST_F(Harness, WaitingForOneServicesNoticesIgnoresOthersQueuedLater) {
     EXPECT_TRUE(qt::waitForDeathNotices(named("early"), std::chrono::milliseconds(0)));
     EXPECT_EQ(1, earlyR->calls.load());
     EXPECT_TRUE(qt::waitForDeathNotices(named("never died"), std::chrono::milliseconds(0)));
-    // Queued behind the held one: not delivered yet.
-    EXPECT_FALSE(qt::waitForDeathNotices(named("late"), std::chrono::milliseconds(20)));
+    {
+        // Queued behind the held one: not delivered yet, and the wait says
+        // what it waited for.
+        qrntest::Reported reported;
+        EXPECT_FALSE(qt::waitForDeathNotices(named("late"), std::chrono::milliseconds(20)));
+        EXPECT_EQ(std::vector<std::string>{"waitForDeathNotices(" + std::string(IPower::descriptor) +
+                                           "/late): its death notices were not all delivered within 20 ms (is a "
+                                           "serviceDied() still running?)"},
+                  reported.messages());
+    }
     EXPECT_EQ(0, lateR->calls.load());
     blockedR->open.set_value();
     EXPECT_TRUE(qt::waitForDeathNotices(named("late")));
@@ -164,6 +172,9 @@ TEST(Script, UnknownStepsAndUnusableArgumentsAreReported) {
 // note each notice they get and their own end, driven by golden/runtime.txt.
 class Runtime : public Harness {
   protected:
+    // Its recipients stand for clients of the services: they stay linked
+    // until the services go.
+    void SetUp() override { qt::leaveOnPurpose(qt::Left::DeathRecipient); }
     struct Noting : hidl_death_recipient {
         Noting(Runtime& rt, std::string name) : rt(rt), name(std::move(name)) {}
         void serviceDied(uint64_t cookie, const wp<IBase>& who) override {

@@ -17,10 +17,21 @@ namespace {
 
 namespace qt = qrnhost::testing;
 
+// Puts the trace tags property back as the test found it.
+struct KeepTags {
+    char old[PROPERTY_VALUE_MAX] = {};
+    KeepTags() { property_get(qrnhost::trace::kTagsProperty, old, ""); }
+    ~KeepTags() {
+        property_set(qrnhost::trace::kTagsProperty, old);
+        qrnhost::trace::resetSetup();
+    }
+};
+
 // The tags are read from the property at the first traced call after a
 // setup reset, once; sections go to the observer and, in the device's form,
 // to the marker file.
 TEST(Trace, TagsFromThePropertyAndSectionsInDeviceForm) {
+    KeepTags kept;
     qt::TempDir dir;
     ASSERT_TRUE(qrnhost::trace::setMarkerPath(dir.file("marker")));
     property_set(qrnhost::trace::kTagsProperty, "0x400");
@@ -52,6 +63,7 @@ TEST(Trace, TagsFromThePropertyAndSectionsInDeviceForm) {
 // Threads that make their first traced call together must not each rewrite
 // the tag word while the others read it: exactly one of them sets up.
 TEST(Trace, ConcurrentFirstCallsSetUpOnce) {
+    KeepTags kept;
     property_set(qrnhost::trace::kTagsProperty, "0x400");
     for (int round = 0; round < 20; ++round) {
         qrnhost::trace::resetSetup();
@@ -68,8 +80,6 @@ TEST(Trace, ConcurrentFirstCallsSetUpOnce) {
         EXPECT_EQ(before + 1, qrnhost::trace::setupCount()) << "round " << round;
         EXPECT_EQ(8, enabled.load());
     }
-    property_set(qrnhost::trace::kTagsProperty, "0");
-    qrnhost::trace::resetSetup();
 }
 
 }  // namespace

@@ -48,4 +48,19 @@ std::string exitDumpProblem(const std::string& child) {
     return "";
 }
 
+Reported::Reported()
+    : mPrevious(qrnhost::testing::setFailureReporter([this](const std::string& m) {
+          std::lock_guard<std::mutex> g(mLock);
+          mMessages.push_back(m);
+      })) {}
+
+Reported::~Reported() {
+    qrnhost::testing::setFailureReporter(std::move(mPrevious));
+}
+
+std::vector<std::string> Reported::messages() const {
+    std::lock_guard<std::mutex> g(mLock);
+    return mMessages;
+}
+
 }  // namespace qrntest

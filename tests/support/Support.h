@@ -7,6 +7,7 @@
 #include <sys/types.h>
 
 #include <qrnhost/capture.h>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -24,6 +25,22 @@ struct ChildResult {
     std::string output;
 };
 ChildResult runChild(const std::vector<std::string>& argv, const std::vector<std::string>& env = {});
+
+// While alive, what the harness reports (a wait that ran out, a refused
+// node) is collected here instead of failing the running test.
+class Reported {
+  public:
+    Reported();
+    ~Reported();
+    Reported(const Reported&) = delete;
+    Reported& operator=(const Reported&) = delete;
+    std::vector<std::string> messages() const;
+
+  private:
+    mutable std::mutex mLock;
+    std::vector<std::string> mMessages;  // Guarded by mLock
+    qrnhost::testing::FailureReporter mPrevious;
+};
 
 // Runs the file cache's helper program (child) as "dump DIR" in a fresh
 // directory: it exits with five caches' flushes still queued. Returns ""
