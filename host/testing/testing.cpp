@@ -157,8 +157,7 @@ std::string ChildEnd::describe() const {
     else if (exited)
         out = "exited with status " + std::to_string(exitStatus);
     else if (signal != 0)
-        out = "ended by signal " + std::to_string(signal) + " (" + strsignal(signal) +
-              ")";  // NOLINT(concurrency-mt-unsafe)
+        out = "ended by signal " + std::to_string(signal) + " (" + sigdescr_np(signal) + ")";
     else
         out = "could not be started";
     if (output.empty()) return out + ", no output";
@@ -338,10 +337,11 @@ std::vector<Leftover> leftovers() {
     std::lock_guard<std::mutex> g(w.lock);
     for (const auto& [key, value] : now) {
         const auto before = w.baseline.find(key);
-        if (before == w.baseline.end())
-            found.push_back({Left::Property, key + "=" + value + " (was unset)"});
-        else if (before->second != value)
-            found.push_back({Left::Property, key + "=" + value + " (was " + before->second + ")"});
+        if (before != w.baseline.end() && before->second == value) continue;
+        std::string what = key;
+        what += "=" + value;
+        what += before == w.baseline.end() ? " (was unset)" : " (was " + before->second + ")";
+        found.push_back({Left::Property, what});
     }
     for (const Leftover& l : w.foundByReset) found.push_back({l.kind, l.what + ", until reset() took it away"});
     std::stable_sort(found.begin(), found.end(), [](const Leftover& a, const Leftover& b) { return a.kind < b.kind; });
