@@ -255,6 +255,8 @@ struct Watch {
     std::map<std::string, std::string> baseline;        // guarded by lock
     std::vector<Leftover> foundByReset;                 // guarded by lock
     std::vector<std::pair<Left, std::string>> allowed;  // guarded by lock
+    // The journals that reset() wiped since markClean(), by title.
+    std::vector<std::pair<std::string, std::vector<std::string>>> journals;  // guarded by lock
 };
 
 Watch& watch() {
@@ -322,6 +324,7 @@ void markClean() {
     w.baseline = std::move(now);
     w.foundByReset.clear();
     w.allowed.clear();
+    w.journals.clear();
 }
 
 void leaveOnPurpose(Left kind, const std::string& containing) {
@@ -370,6 +373,26 @@ void tail(std::string& out, const std::string& title, const std::vector<T>& item
 
 }  // namespace
 
+namespace {
+
+// The journals of the power simulators registered now and of the perf-lock
+// library, by title, as text.
+std::vector<std::pair<std::string, std::vector<std::string>>> journals() {
+    std::vector<std::pair<std::string, std::vector<std::string>>> out;
+    auto lines = [](const auto& calls) {
+        std::vector<std::string> l;
+        l.reserve(calls.size());
+        for (const auto& c : calls) l.push_back(c.toString());
+        return l;
+    };
+    for (const auto& [instance, sim] : power::registeredSimulators())
+        out.emplace_back("calls on power service \"" + instance + "\"", lines(sim->journal()));
+    out.emplace_back("calls on the perf-lock library", lines(perf::journal()));
+    return out;
+}
+
+}  // namespace
+
 std::string whatHappened(const Capture* capture, size_t limit) {
     std::string out;
     if (capture != nullptr) {
@@ -377,20 +400,26 @@ std::string whatHappened(const Capture* capture, size_t limit) {
         tail(out, "captured" + (dropped == 0 ? std::string() : " (" + std::to_string(dropped) + " older ones let go)"),
              capture->records(), limit, [](const Record& r) { return describe(r); });
     }
-    for (const auto& [instance, sim] : power::registeredSimulators())
-        tail(out, "calls on power service \"" + instance + "\"", sim->journal(), limit,
-             [](const power::Call& c) { return c.toString(); });
-    tail(out, "calls on the perf-lock library", perf::journal(), limit,
-         [](const perf::Call& c) { return c.toString(); });
+    std::vector<std::pair<std::string, std::vector<std::string>>> all;
+    {
+        Watch& w = watch();
+        std::lock_guard<std::mutex> g(w.lock);
+        all = w.journals;
+    }
+    for (auto& j : journals()) all.push_back(std::move(j));
+    for (const auto& [title, lines] : all) tail(out, title, lines, limit, [](const std::string& l) { return l; });
     return out;
 }
 
 void reset() {
     std::vector<Leftover> held = heldNow();
+    std::vector<std::pair<std::string, std::vector<std::string>>> wiped = journals();
     {
         Watch& w = watch();
         std::lock_guard<std::mutex> g(w.lock);
         w.foundByReset.insert(w.foundByReset.end(), held.begin(), held.end());
+        for (auto& [title, lines] : wiped)
+            if (!lines.empty()) w.journals.emplace_back(title + " before reset()", std::move(lines));
     }
     if (!hidl::unregisterAll(kDefaultWait))
         reportFailure("reset(): the death notices of the services it took away were not all delivered within " +

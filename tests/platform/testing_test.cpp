@@ -145,27 +145,76 @@ TEST_F(Harness, KernelNodesStandInForTheFixedPathsAndGoAway) {
 }
 
 // A script's steps come from its file; one the script does not know, or
-// arguments an action cannot use, stop the run and are named.
-TEST(Script, UnknownStepsAndUnusableArgumentsAreReported) {
+// arguments an action cannot use or does not take, stop the run and are
+// named with their line. Each run starts a fresh transcript.
+TEST(Script, UnknownStepsAndUnusableOrExtraArgumentsAreReported) {
     qt::TempDir dir;
     qt::Capture cap;
     qt::Transcript t(cap, nullptr);
     std::vector<long long> got;
     qt::Script s(t);
-    s.on("add", [&](const qt::Args& a) { return got.push_back(a[0] + a[1]), a[0] + a[1]; });
+    s.on("add", [&](const qt::Args& a) { return got.push_back(a[0] + a[1]), a[0] + a[1]; }).on("zero", [&] {
+        return got.push_back(0), 0;
+    });
     const std::pair<const char*, const char*> cases[] = {
         {"== add(1, 0x10)\n-> 17\n", ""},
-        {"== add(1)\n", "step \"add(1)\": argument 2 is missing"},
-        {"== add(1, two)\n", "step \"add(1, two)\": argument 2 is not a number"},
-        {"# comment\n== sub(1, 2)\n== add(1, 1)\n", "no action for the step \"sub(1, 2)\""},
+        {"== add(1)\n", ":1: step \"add(1)\": argument 2 is missing"},
+        {"== add(1, two)\n", ":1: step \"add(1, two)\": argument 2 is not a number"},
+        {"# comment\n\n== sub(1, 2)\n== add(1, 1)\n", ":3: no action for the step \"sub(1, 2)\""},
+        {"== add(1, 2, 3)\n", ":1: step \"add(1, 2, 3)\": add takes 2 arguments, given 3"},
+        {"== zero()\n-> 0\n== zero(4)\n", ":3: step \"zero(4)\": zero takes no arguments, given 1"},
+        {"== add(1, 0x10)\n-> 17\n", ""},
     };
     for (const auto& [script, problem] : cases) {
         qt::writeFile(dir.file("s.txt"), script);
-        cap.clear();
         const std::string diff = s.run(dir.file("s.txt"), "");
-        EXPECT_EQ(0u, diff.find(*problem ? dir.file("s.txt") + ": " + problem + "\n" : "")) << diff;
+        EXPECT_EQ(0u, diff.find(*problem ? dir.file("s.txt") + problem + "\n" : "")) << diff;
     }
-    EXPECT_EQ((std::vector<long long>{17, 1, 1}), got);  // nothing after an unknown step
+    // Nothing runs after an unknown step, and an action given arguments it
+    // takes none of does not run at all.
+    EXPECT_EQ((std::vector<long long>{17, 1, 1, 3, 0, 17}), got);
+}
+
+// A difference is shown by the kept file's own line numbers, in a unified
+// diff; the actual transcript carries the kept comments where they fit.
+TEST(Transcript, DifferencesAreShownWithTheKeptFilesLinesAndCommentsCarriedOver) {
+    qt::TempDir dir;
+    qt::Capture cap;
+    qt::Transcript t(cap, nullptr);
+    for (const char* line : {"== a", "-> 1", "== b", "-> 3", "== c", "extra"}) t.note(line);
+    const std::string golden = dir.file("g.txt"), actual = dir.file("out/a.txt");
+    qt::writeFile(golden, "# setup\n== a\n-> 1\n# the second step\n== b\n-> 2\n== c\n");
+    EXPECT_EQ(golden + ":6: the transcript differs from here\n--- " + golden + "\n+++ " + actual +
+                  " (actual)\n@@ -3,5 +3,6 @@\n -> 1\n # the second step\n == b\n--> 2\n+-> 3\n == c\n+extra\n"
+                  "actual transcript: " +
+                  actual + "\n",
+              t.compare(golden, actual));
+    EXPECT_EQ("# " + golden + "\n# setup\n== a\n-> 1\n# the second step\n== b\n-> 3\n== c\nextra\n",
+              qt::readFile(actual));
+    qt::writeFile(golden, "== a\n-> 1\n== b\n-> 3\n== c\nextra\n\n");
+    EXPECT_EQ("", t.compare(golden, actual));
+    EXPECT_FALSE(std::filesystem::exists(actual));  // a stale actual transcript goes
+}
+
+// Made before the power service starts, a transcript follows it, and the
+// next one registered in its place; when it could see none, it says so.
+TEST_F(Harness, ATranscriptFollowsTheDefaultServiceStartedAfterIt) {
+    qt::TempDir dir;
+    qt::Capture cap;
+    qt::writeFile(dir.file("g.txt"), "power: registerScenario() -> 1\n");
+    {
+        qt::Transcript t(cap, nullptr);
+        EXPECT_NE(std::string::npos, t.compare(dir.file("g.txt"), "").find("followed no power service"));
+        (void)qt::startPowerService()->registerScenario();
+        sp<SimPowerService> second = qt::startPowerService();  // in its place
+        (void)second->registerScenario();
+        (void)second->unregisterScenario(1);
+        EXPECT_EQ((std::vector<std::string>{"power: registerScenario() -> 1", "power: registerScenario() -> 1",
+                                            "power: unregisterScenario(1)"}),
+                  t.lines());
+        t.restart();
+        EXPECT_TRUE(t.lines().empty());
+    }
 }
 
 // Services under any instance name, proxies to them, and recipients that
