@@ -412,6 +412,8 @@ std::string whatHappened(const Capture* capture, size_t limit) {
 }
 
 void reset() {
+    // The flushes of caches already dropped are on their way, not held.
+    waitForDumps(kDefaultWait);
     std::vector<Leftover> held = heldNow();
     std::vector<std::pair<std::string, std::vector<std::string>>> wiped = journals();
     {
@@ -424,7 +426,6 @@ void reset() {
     if (!hidl::unregisterAll(kDefaultWait))
         reportFailure("reset(): the death notices of the services it took away were not all delivered within " +
                       ms(kDefaultWait) + " (is a serviceDied() still running?)");
-    waitForDumps(kDefaultWait);
     perf::reset();
     properties::reset();
     kernelfs::reset();
