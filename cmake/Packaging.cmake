@@ -22,12 +22,14 @@ install(TARGETS qrnhost_perfsim
   INCLUDES DESTINATION ${QRNCAM_INSTALL_INCDIR}/platform)
 set_property(TARGET qrncam_sysutils qrnhost_testing APPEND PROPERTY INSTALL_RPATH "$ORIGIN/perf")
 
-install(DIRECTORY include/ DESTINATION ${QRNCAM_INSTALL_INCDIR})
 # An example project of camera code tested with the harness, to start from.
 install(DIRECTORY host/testing/example/ DESTINATION ${CMAKE_INSTALL_DATADIR}/qrncam_sysutils/example)
-foreach(dir host/common/include host/properties/include host/hidl/include host/camera/include host/trace/include host/kernelfs/include
-            host/powersim/include host/power_client/include host/perfsim/include host/testing/include utils/power)
-  install(DIRECTORY ${dir}/ DESTINATION ${QRNCAM_INSTALL_INCDIR}/platform)
+foreach(dir IN LISTS QRNCAM_PUBLIC_HEADER_DIRS)
+  if(dir STREQUAL "include")
+    install(DIRECTORY include/ DESTINATION ${QRNCAM_INSTALL_INCDIR})
+  else()
+    install(DIRECTORY ${dir}/ DESTINATION ${QRNCAM_INSTALL_INCDIR}/platform)
+  endif()
 endforeach()
 
 # Threads::Threads stays a dependency of the build tree only: on this C

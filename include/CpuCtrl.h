@@ -9,6 +9,30 @@
 // Camera components built elsewhere call through the virtual table, so the
 // order of the virtual operations and the layout of the two records are
 // fixed and must not change.
+//
+// The vendor power service ("default") may be absent, may die, or may fail a
+// call in transport. What each call then does, and logs (tag
+// "QrnCam/CpuCtrl"), is this device's rule, kept on the host:
+//  - init() looks the service up again on every call and keeps what it
+//    finds, null included; it logs nothing about it and is true.
+//  - The object does not link to the service's death: it never learns of
+//    it. Until an init() finds a new service, every request that registers
+//    a scenario (both enable(), enablePreferIdle(), cpuPerformanceMode())
+//    or asks the service a value (enableBoost()) on a dead service ends the
+//    process, as does any registerScenario() or querySystemInfo() that
+//    fails in transport (the platform's fatal "Attempted to retrieve value
+//    from failed HIDL call: <status>").
+//  - No service: the registering requests log WARN "[<call>]
+//    mPowerHalService == NULL !!!" (the ranged enable(): "[enable]
+//    IPower::getService() == NULL !!!") and are false; enableBoost(),
+//    resetTimeout() and disable() of a registered scenario log ERROR
+//    "[<call>] mPowerHalService == NULL !!!" and are false.
+//  - configScenario(), enableScenario() and disableScenario() failing in
+//    transport are not checked: the call returns true and logs nothing.
+//  - uninit() withdraws the current request for every leaving user; the
+//    last one also unregisters the scenario, unchecked: a scenario the
+//    service failed to unregister stays registered there, silently.
+//  - A request without a user: WARN "[<call>] No user" and false.
 #pragma once
 
 class CpuCtrl {

@@ -2,6 +2,21 @@
 // memory, within a process-wide budget, and writes them to its file on the
 // background queue once its last strong reference is dropped, so the caller
 // never waits for storage.
+//
+// The budget is the property "vendor.debug.file_cache.storage_size" (int64,
+// bytes, default 1073741824 = 1 GiB; a negative value lifts it), read by
+// every open() for the whole process: it caps the bytes that all caches
+// hold in memory and that no flush has written and released yet. The
+// property "vendor.debug.file_cache.log" (int32, default 0), also read by
+// every open(), turns on the INFO and DEBUG lines (tag "file_cache").
+// Failures are ERROR lines with the file's name:
+//  - write() beyond the budget: "<name> Storage size exceed <MB>MB/<MB>MB",
+//    -1, nothing kept; out of memory: "<name> Fail to allocate memory", -1.
+//  - the flush cannot open the file: "Fail to open physical file <name>";
+//    a short write or a failed close: "<name> write error!!!". The blocks
+//    are released and the budget credited all the same.
+// A test on the host waits for the files with qrnhost::testing::
+// waitForDumps() (qrnhost/testing.h).
 #pragma once
 
 #include <utils/Mutex.h>

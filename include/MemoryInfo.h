@@ -1,6 +1,7 @@
 // Memory questions for camera components, answered from "/proc/meminfo",
 // which is read afresh on every call. Nothing is logged or cached; any
-// thread may call at any time.
+// thread may call at any time. On the host, qrnhost::testing::KernelNodes
+// puts a file of the test's behind it.
 #pragma once
 
 #include <stdint.h>

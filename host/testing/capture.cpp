@@ -151,13 +151,15 @@ Capture::Capture(uint32_t mode, uint32_t detailsLevel, uint32_t mask, bool camer
     char trace[PROPERTY_VALUE_MAX] = {};
     property_get(qrnhost::trace::kTagsProperty, trace, "");
     mSavedTrace = trace;
+    // liblog's hook stays set for good: with no Capture it writes to stderr.
+    // Set outside the stack's lock, which logging takes under liblog's.
+    __android_log_set_logger(&CaptureHooks::androidLogger);
+    __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
     Stack& st = stack();
     {
         std::lock_guard<std::mutex> g(st.lock);
         if (st.captures.empty()) {
             st.savedLogger = sULogger;
-            __android_log_set_logger(&CaptureHooks::androidLogger);
-            __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
             qrnhost::trace::setObserver(&CaptureHooks::traceObserver);
             sULogger = &dispatcher();
         }

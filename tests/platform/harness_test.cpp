@@ -200,6 +200,9 @@ TEST(HarnessChildTest, ACallThatEndsTheProcessIsProvenInAChild) {
     EXPECT_THAT(failed.output, HasSubstr("Attempted to retrieve value from failed HIDL call: "
                                          "Status(EX_TRANSACTION_FAILED): 'FAILED_TRANSACTION: binder gone'"));
 
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the child's runtime thread would be a thread after a fork, which ThreadSanitizer refuses";
+#endif
     const qt::ChildEnd killed = qt::runInChild([] {
         qt::startPowerService();
         Ctrl* ctrl = Ctrl::createInstance();
@@ -220,6 +223,9 @@ TEST(HarnessChildTest, HowAChildEndedIsReported) {
     EXPECT_EQ("exited with status 0; its output:\nout\nerr\n", returned.describe());
     const qt::ChildEnd exited = qt::runInChild([] { exit(3); });
     EXPECT_EQ("exited with status 3, no output", exited.describe());
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the child's runtime thread would be a thread after a fork, which ThreadSanitizer refuses";
+#endif
     const qt::ChildEnd killed = qt::runInChild([] { raise(SIGKILL); });
     EXPECT_EQ("ended by signal 9 (Killed), no output", killed.describe());
     std::string lines;

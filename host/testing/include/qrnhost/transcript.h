@@ -1,14 +1,14 @@
 // A scenario's whole observable output as text, to compare with a transcript
 // file kept beside the tests. The output, in the order it happened:
-//   D QrnCam/CpuCtrl: [init] +           Android log: level letter, tag, text
-//   u5 QrnCam/CpuCtrl[0x40007001]: ...    unified logger: level, tag, module
-//                                         (and "(length N)" when the length
-//                                         passed differs from the text held)
-//   > CpuCtrl::init  /  <                 trace section begun / ended
-//   power: configScenario(1, 1, 0, 4, 0, 0)
-//   perf: perf_lock_acq(0, 3000, {...}, 2) = 1
-//   file NAME: N bytes "content"          a file the scenario left
-//   == text                               the scenario's own step marker
+//     D QrnCam/CpuCtrl: [init] +           Android log: level letter, tag, text
+//     u5 QrnCam/CpuCtrl[0x40007001]: ...    unified logger: level, tag, module
+//                                           (and "(length N)" when the length
+//                                           passed differs from the text held)
+//     > CpuCtrl::init  /  <                 trace section begun / ended
+//     power: configScenario(1, 1, 0, 4, 0, 0)
+//     perf: perf_lock_acq(0, 3000, {...}, 2) = 1
+//     file NAME: N bytes "content"          a file the scenario left
+//     == text                               the scenario's own step marker
 // The source line in an ERROR line's suffix shows as {#L:path}: it moves
 // with every edit of the file.
 //
