@@ -360,7 +360,8 @@ std::string Script::run(const std::string& golden, const std::string& actualFile
         if (action == mActions.end()) {
             mProblem = "no action for the step \"" + step + "\"";
         } else if (!action->second.takesArgs && !words.empty()) {
-            mProblem = "step \"" + step + "\": " + name + " takes no arguments, given " + std::to_string(words.size());
+            mProblem = name + " takes no arguments, given " + std::to_string(words.size());
+            mProblem = "step \"" + step + "\": " + mProblem;
         } else {
             const Args args(words, &mProblem);
             action->second.run(args);
