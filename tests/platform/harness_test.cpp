@@ -221,7 +221,7 @@ TEST(HarnessChildTest, HowAChildEndedIsReported) {
     const qt::ChildEnd returned = qt::runInChild([] { printf("out\n"), fflush(stdout), fprintf(stderr, "err\n"); });
     EXPECT_TRUE(returned.exited && returned.exitStatus == 0 && !returned.aborted()) << returned.describe();
     EXPECT_EQ("exited with status 0; its output:\nout\nerr\n", returned.describe());
-    const qt::ChildEnd exited = qt::runInChild([] { exit(3); });
+    const qt::ChildEnd exited = qt::runInChild([] { _exit(3); });
     EXPECT_EQ("exited with status 3, no output", exited.describe());
 #if defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "the child's runtime thread would be a thread after a fork, which ThreadSanitizer refuses";
