@@ -252,11 +252,11 @@ namespace {
 
 struct Watch {
     std::mutex lock;
-    std::map<std::string, std::string> baseline;        // guarded by lock
-    std::vector<Leftover> foundByReset;                 // guarded by lock
-    std::vector<std::pair<Left, std::string>> allowed;  // guarded by lock
+    std::map<std::string, std::string> baseline QRNHOST_GUARDED_BY(lock);
+    std::vector<Leftover> foundByReset QRNHOST_GUARDED_BY(lock);
+    std::vector<std::pair<Left, std::string>> allowed QRNHOST_GUARDED_BY(lock);
     // The journals that reset() wiped since markClean(), by title.
-    std::vector<std::pair<std::string, std::vector<std::string>>> journals;  // guarded by lock
+    std::vector<std::pair<std::string, std::vector<std::string>>> journals QRNHOST_GUARDED_BY(lock);
 };
 
 Watch& watch() {
@@ -336,24 +336,28 @@ void leaveOnPurpose(Left kind, const std::string& containing) {
 std::vector<Leftover> leftovers() {
     std::vector<Leftover> found = heldNow();
     const std::map<std::string, std::string> now = properties();
-    Watch& w = watch();
-    std::lock_guard<std::mutex> g(w.lock);
-    for (const auto& [key, value] : now) {
-        const auto before = w.baseline.find(key);
-        if (before != w.baseline.end() && before->second == value) continue;
-        std::string what = key;
-        what += "=" + value;
-        what += before == w.baseline.end() ? " (was unset)" : " (was " + before->second + ")";
-        found.push_back({Left::Property, what});
+    std::vector<std::pair<Left, std::string>> allowed;
+    {
+        Watch& w = watch();
+        std::lock_guard<std::mutex> g(w.lock);
+        for (const auto& [key, value] : now) {
+            const auto before = w.baseline.find(key);
+            if (before != w.baseline.end() && before->second == value) continue;
+            std::string what = key;
+            what += "=" + value;
+            what += before == w.baseline.end() ? " (was unset)" : " (was " + before->second + ")";
+            found.push_back({Left::Property, what});
+        }
+        for (const Leftover& l : w.foundByReset) found.push_back({l.kind, l.what + ", until reset() took it away"});
+        allowed = w.allowed;
     }
-    for (const Leftover& l : w.foundByReset) found.push_back({l.kind, l.what + ", until reset() took it away"});
     std::stable_sort(found.begin(), found.end(), [](const Leftover& a, const Leftover& b) { return a.kind < b.kind; });
-    auto allowed = [&w](const Leftover& l) {
-        return std::any_of(w.allowed.begin(), w.allowed.end(), [&l](const auto& a) {
+    auto declared = [&allowed](const Leftover& l) {
+        return std::any_of(allowed.begin(), allowed.end(), [&l](const auto& a) {
             return a.first == l.kind && (a.second.empty() || l.what.find(a.second) != std::string::npos);
         });
     };
-    found.erase(std::remove_if(found.begin(), found.end(), allowed), found.end());
+    found.erase(std::remove_if(found.begin(), found.end(), declared), found.end());
     return found;
 }
 

@@ -38,7 +38,7 @@ class Reported {
 
   private:
     mutable std::mutex mLock;
-    std::vector<std::string> mMessages;  // Guarded by mLock
+    std::vector<std::string> mMessages QRNHOST_GUARDED_BY(mLock);
     qrnhost::testing::FailureReporter mPrevious;
 };
 

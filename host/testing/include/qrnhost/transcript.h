@@ -89,10 +89,10 @@ class Transcript {
 
     Capture& mCap;
     mutable std::mutex mLock;
-    android::sp<power::SimPowerService> mSim;  // Guarded by mLock
-    bool mFollowed = false;                    // Guarded by mLock: some simulator was followed
-    int mRegistrations = 0;                    // observer id while following the default service
-    size_t mStart = 0;                         // the transcript's first record, counted from the Capture's start
+    android::sp<power::SimPowerService> mSim QRNHOST_GUARDED_BY(mLock);
+    bool mFollowed QRNHOST_GUARDED_BY(mLock) = false;  // some simulator was followed
+    int mRegistrations = 0;                            // observer id while following the default service
+    size_t mStart = 0;  // the transcript's first record, counted from the Capture's start
     std::vector<std::pair<std::string, std::string>> mReplace;
 };
 
