@@ -9,12 +9,12 @@
 # which orders the same accesses the fence orders and lets TSan see it. No
 # other project's source is kept in this repository: it is fetched here.
 #
-# apt must know the source package: tools/ci/deb-src.sh adds source entries
+# apt must know the source package: tools/ci/deb-src.py adds source entries
 # derived from the machine's own when it does not.
 set -euo pipefail
 out=$(realpath -m "${1:?usage: $0 OUTDIR}")
 if [ -f "$out/libutils.so.0" ]; then echo "tsan libutils: $out already built"; exit 0; fi
-"$(dirname "$0")/deb-src.sh" android-platform-tools
+"$(dirname "$0")/deb-src.py" android-platform-tools
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 cd "$work"

@@ -2,13 +2,13 @@
 # Installs what a fresh Debian bookworm machine lacks to build, run and test
 # the project (all lanes). When nothing is missing it does nothing and prints
 # nothing. Source packages (the TSan lane's) are not its business: see
-# tools/ci/deb-src.sh.
+# tools/ci/deb-src.py.
 # Usage: tools/ci/install-deps.sh [--cross]   (--cross adds the arm64 lane's needs)
 set -euo pipefail
 cross=0
 [ "${1:-}" = "--cross" ] && cross=1
 
-pkgs=(cmake ninja-build g++ file python3 clang clang-tidy clang-format libclang-rt-14-dev dpkg-dev pkg-config
+pkgs=(cmake ninja-build g++ file python3 python3-apt clang clang-tidy clang-format libclang-rt-14-dev dpkg-dev pkg-config
       libgtest-dev libgmock-dev googletest libbenchmark-dev libboost-dev valgrind nlohmann-json3-dev
       libc++-dev libc++abi-dev blueprint-tools mini-soong
       android-libutils-dev android-liblog-dev android-libbase-dev android-libcutils-dev)
