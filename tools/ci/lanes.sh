@@ -36,7 +36,7 @@ lane_tsan() {
   # An instrumented libutils built from Debian's source package: see
   # tools/ci/build-tsan-libutils.sh for why. No suppressions.
   tools/ci/build-tsan-libutils.sh "$root/build/tsan-libutils"
-  cmake --preset tsan -DQRNCAM_LIBUTILS_DIR="$root/build/tsan-libutils" >/dev/null
+  cmake --preset tsan >/dev/null  # takes build/tsan-libutils
   cmake --build --preset tsan -j"$jobs"
   TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" ctest --preset tsan
 }
@@ -49,7 +49,7 @@ lane_stress() {
   cmake --build --preset asan -j"$jobs"
   ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1 ctest --preset asan-stress
   tools/ci/build-tsan-libutils.sh "$root/build/tsan-libutils"
-  cmake --preset tsan -DQRNCAM_LIBUTILS_DIR="$root/build/tsan-libutils" >/dev/null
+  cmake --preset tsan >/dev/null  # takes build/tsan-libutils
   cmake --build --preset tsan -j"$jobs"
   TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" ctest --preset tsan-stress
 }
@@ -59,7 +59,7 @@ lane_valgrind() {
   # definite leak.
   cmake --preset default >/dev/null
   cmake --build --preset default -j"$jobs"
-  tools/ci/valgrind-tests.sh build/default
+  tools/ci/valgrind-tests.py build/default
 }
 
 lane_tidy() {
