@@ -58,7 +58,7 @@ qs::Session handMade() {
     ctrl(2, qs::ControllerKind::CpuCtrl, {{30, "create"}, {31, "init"}});
     auto power = [&](int64_t ms, int controller, qs::PowerOp op, std::vector<int32_t> args,
                      std::optional<int32_t> result = std::nullopt, qs::Evidence how = qs::Evidence::Seen) {
-        s.powerCalls.push_back({at(ms, how), kPid, kMain, controller, op, std::move(args), result, false});
+        s.powerCalls.push_back({at(ms, how), kPid, kMain, controller, op, std::move(args), result, false, 0});
     };
     using Op = qs::PowerOp;
     power(3, 1, Op::RegisterScenario, {}, 1);
@@ -73,7 +73,10 @@ qs::Session handMade() {
     power(42, 2, Op::EnableScenario, {3, 0x0FFFFFFF});
     auto perf = [&](int64_t ms, qs::PerfOp op, int32_t handle, int32_t duration, std::vector<int32_t> list,
                     int32_t result) {
-        s.perfCalls.push_back({at(ms), kPid, kMain, 1, op, handle, duration, std::move(list), result});
+        qs::PerfCall c;
+        c.at = at(ms), c.pid = kPid, c.tid = kMain, c.controller = 1, c.op = op, c.handle = handle;
+        c.duration = duration, c.list = std::move(list), c.result = result;
+        s.perfCalls.push_back(std::move(c));
     };
     const std::vector<int32_t> camera = {0x01404300, 1, 0x01404100, 1}, boost = {0x00414000, 1},
                                noTempa = {0x02004000, 0};

@@ -25,8 +25,11 @@ std::vector<Finding> leftHeld(const Session& s) {
         if (l.refused() || !l.leftHeld()) continue;
         Finding f;
         f.kind = "perf lock held";
-        f.what = "perf lock " + std::to_string(l.handle) + (l.request.empty() ? "" : " (" + l.request + ")") +
-                 " never released" + (l.durationMs > 0 ? "" : " and without a duration");
+        f.what = lockName(l) + " never released";
+        if (!l.durationKnown)
+            f.what += " (its duration is not in the log: it may have run out)";
+        else if (l.durationMs <= 0)
+            f.what += " and without a duration";
         f.ns = l.acquired.ns;
         f.pid = l.pid;
         out.push_back(std::move(f));

@@ -107,7 +107,8 @@ std::string toJson(const Session& s, int indent) {
                                     {"args", c.args},
                                     {"result", maybe(c.result)},
                                     {"transport_failed", c.transportFailed},
-                                    {"code", *code ? json(code) : json(nullptr)}});
+                                    {"unknown_args", c.unknownArgs},
+                                    {"code", *code && c.argKnown(at) ? json(code) : json(nullptr)}});
     }
     j["perf_calls"] = json::array();
     for (const PerfCall& c : s.perfCalls) {
@@ -117,9 +118,11 @@ std::string toJson(const Session& s, int indent) {
                                    {"controller", c.controller},
                                    {"op", perfOpName(c.op)},
                                    {"handle", c.handle},
-                                   {"duration_ms", c.duration},
+                                   {"duration_ms", c.durationKnown ? json(c.duration) : json(nullptr)},
                                    {"list", c.list},
-                                   {"result", maybe(c.result)}});
+                                   {"result", maybe(c.result)},
+                                   {"granted", c.wasGranted()},
+                                   {"releases", c.releases}});
     }
     j["scenarios"] = json::array();
     for (const Scenario& sc : s.scenarios) {
@@ -127,7 +130,7 @@ std::string toJson(const Session& s, int indent) {
         for (const EnabledSpan& e : sc.enabled)
             spans.push_back({{"begin", stamp(e.begin)},
                              {"end", stamp(e.end)},
-                             {"timeout_ms", e.timeoutMs},
+                             {"timeout_ms", e.timeoutKnown ? json(e.timeoutMs) : json(nullptr)},
                              {"ended_by", spanEndName(e.endedBy)}});
         j["scenarios"].push_back({{"pid", sc.pid},
                                   {"handle", sc.handle},
@@ -138,6 +141,7 @@ std::string toJson(const Session& s, int indent) {
                                   {"enabled", spans},
                                   {"left_registered", sc.leftRegistered()},
                                   {"left_enabled", sc.leftEnabled()},
+                                  {"lost_with_service", sc.lostWithService},
                                   {"on_purpose", sc.onPurpose},
                                   {"why", sc.why}});
     }
@@ -150,7 +154,7 @@ std::string toJson(const Session& s, int indent) {
                                    {"acquired", stamp(l.acquired)},
                                    {"end", stamp(l.end)},
                                    {"ended_by", lockEndName(l.endedBy)},
-                                   {"duration_ms", l.durationMs},
+                                   {"duration_ms", l.durationKnown ? json(l.durationMs) : json(nullptr)},
                                    {"list", l.list},
                                    {"refused", l.refused()}});
     }
@@ -261,6 +265,7 @@ bool fromJson(const std::string& text, Session& out, std::string* error) {
             call.args = c.at("args").get<std::vector<int32_t>>();
             call.result = maybeFrom<int32_t>(c, "result");
             call.transportFailed = c.at("transport_failed");
+            call.unknownArgs = c.at("unknown_args");
             s.powerCalls.push_back(std::move(call));
         }
         for (const json& c : j.at("perf_calls")) {
@@ -271,9 +276,12 @@ bool fromJson(const std::string& text, Session& out, std::string* error) {
             call.controller = c.at("controller");
             call.op = enumFrom<PerfOp>(c.at("op"), perfOpName, 2, "perf-lock operation");
             call.handle = c.at("handle");
-            call.duration = c.at("duration_ms");
+            call.durationKnown = !c.at("duration_ms").is_null();
+            call.duration = call.durationKnown ? c.at("duration_ms").get<int32_t>() : 0;
             call.list = c.at("list").get<std::vector<int32_t>>();
             call.result = maybeFrom<int32_t>(c, "result");
+            if (!call.result) call.granted = c.at("granted").get<bool>();
+            call.releases = c.at("releases");
             s.perfCalls.push_back(std::move(call));
         }
         for (const json& c : j.at("file_caches")) {

@@ -6,12 +6,13 @@
 //    "processes":   [{"pid", "name", "start_ns", "end_ns", "ending", "threads": [{"tid", "name"}]}],
 //    "controllers": [{"id", "pid", "kind": "CpuCtrl"|"Cam3CPUCtrl", "ambiguous",
 //                     "events": [{"at", "tid", "what", "users"}]}],
-//    "power_calls": [{"at", "pid", "tid", "controller", "op", "args": [..], "result", "transport_failed", "code"}],
+//    "power_calls": [{"at", "pid", "tid", "controller", "op", "args": [..], "result", "transport_failed",
+//                     "unknown_args" (bit i: args[i] not known), "code"}],
 //    "perf_calls":  [{"at", "pid", "tid", "controller", "op": "acquire"|"release", "handle", "duration_ms",
-//                     "list": [..], "result"}],
+//                     "list": [..], "result", "granted", "releases" (the acquire a release ends, or -1)}],
 //    "scenarios":   [{"pid", "handle", "controller", "registered", "unregistered", "calls": [index, ..],
 //                     "enabled": [{"begin", "end", "timeout_ms", "ended_by"}],
-//                     "left_registered", "left_enabled", "on_purpose", "why"}],
+//                     "left_registered", "left_enabled", "lost_with_service", "on_purpose", "why"}],
 //    "perf_locks":  [{"pid", "handle", "controller", "request", "acquired", "end", "ended_by", "duration_ms",
 //                     "list", "refused"}],
 //    "file_caches": [{"pid", "path", "opened", "dropped", "blocks", "bytes", "refused": [{"at", "tid", "bytes"}],
@@ -28,7 +29,8 @@
 // Times are integers of nanoseconds on the session's clock. A moment ("at",
 // "registered", ...) is {"ns": N, "how": "seen"|"inferred"|"unknown"}, with
 // "ns": null when the source cannot tell when; a moment that did not happen
-// is null. Absent optional values (a result, "ok", "verified") are null.
+// is null. Absent optional values (a result, "ok", "verified") are null, as
+// are a timeout or a duration the source does not show.
 // "findings" is written from the checks and ignored when read.
 #pragma once
 

@@ -79,7 +79,8 @@ std::string pageData(const Session& s, const std::string& title, const std::vect
             if (!e.begin.known()) continue;
             const double from = t(e.begin.ns), until = e.end.known() ? t(e.end.ns) : end;
             std::string span = "enabled " + ms(until - from);
-            span += e.timeoutMs > 0 && e.timeoutMs < kScenarioTimeoutMax
+            span += !e.timeoutKnown ? " (timeout not in the log)"
+                    : e.timeoutMs > 0 && e.timeoutMs < kScenarioTimeoutMax
                         ? " (timeout " + std::to_string(e.timeoutMs) + " ms)"
                     : e.timeoutMs == kScenarioTimeoutMax ? " (no time limit)"
                                                          : "";
@@ -95,15 +96,16 @@ std::string pageData(const Session& s, const std::string& title, const std::vect
     }
     for (const PerfLock& l : s.perfLocks) {
         if (!l.acquired.known()) continue;
-        const std::string label =
-            "perf lock " + std::to_string(l.handle) + (l.request.empty() ? "" : " (" + l.request + ")");
+        const std::string label = lockName(l);
         if (l.refused()) {
             marks.push_back({{"t", t(l.acquired.ns)}, {"kind", "refused"}, {"text", label + " refused"}});
             continue;
         }
         const double to = l.end.known() ? t(l.end.ns) : end;
         std::string tip = label + ": " + ms(to - t(l.acquired.ns)) + ", " + lockEndName(l.endedBy) +
-                          (l.durationMs > 0 ? " (duration " + std::to_string(l.durationMs) + " ms)" : "");
+                          (!l.durationKnown   ? " (duration not in the log)"
+                           : l.durationMs > 0 ? " (duration " + std::to_string(l.durationMs) + " ms)"
+                                              : "");
         json row = {{"label", label},
                     {"kind", "lock"},
                     {"bars", json::array({bar(t(l.acquired.ns), to, "lock", tip, l.leftHeld())})}};

@@ -67,6 +67,7 @@ const char* spanEndName(SpanEnd e) {
         case SpanEnd::TimedOut: return "timed out";
         case SpanEnd::StillEnabled: return "still enabled";
         case SpanEnd::ProcessEnded: return "process ended";
+        case SpanEnd::ServiceDied: return "service died";
         case SpanEnd::Unknown: return "unknown";
     }
     return "?";
@@ -103,7 +104,7 @@ bool parseErrorSuffix(LogLine& line) {
 
 std::string PowerCall::describe() const {
     std::string text = std::string(powerOpName(op)) + "(";
-    for (size_t i = 0; i < args.size(); ++i) text += (i ? ", " : "") + std::to_string(args[i]);
+    for (size_t i = 0; i < args.size(); ++i) text += (i ? ", " : "") + (argKnown(i) ? std::to_string(args[i]) : "?");
     text += ")";
     if (transportFailed)
         text += " -> transport failure";
@@ -111,7 +112,7 @@ std::string PowerCall::describe() const {
         text += " -> " + std::to_string(*result);
     // The code is the second argument of configScenario, the first of a query.
     const size_t at = op == PowerOp::ConfigScenario ? 1 : 0;
-    if (args.size() > at) {
+    if (args.size() > at && argKnown(at)) {
         const char* name = powerCodeName(op, args[at]);
         if (*name != '\0') text += std::string("  ") + name;
     }
@@ -127,12 +128,15 @@ std::string hex(int32_t v) {
 }  // namespace
 
 std::string PerfCall::describe() const {
-    const std::string r = result ? std::to_string(*result) : "?";
-    if (op == PerfOp::Release) return "perf_lock_rel(" + std::to_string(handle) + ") = " + r;
+    std::string r = result ? std::to_string(*result) : "?";
+    if (!result && granted) r = *granted ? "granted" : "0";
+    if (op == PerfOp::Release)
+        return "perf_lock_rel(" + (result || releases < 0 ? std::to_string(handle) : "?") + ")" +
+               (result ? " = " + r : "");
     std::string l = "{";
     for (size_t i = 0; i < list.size(); ++i) l += (i ? ", " : "") + hex(list[i]);
-    return "perf_lock_acq(" + std::to_string(handle) + ", " + std::to_string(duration) + ", " + l + "}, " +
-           std::to_string(list.size()) + ") = " + r;
+    return "perf_lock_acq(" + std::to_string(handle) + ", " + (durationKnown ? std::to_string(duration) : "?") + ", " +
+           l + "}, " + std::to_string(list.size()) + ") = " + r;
 }
 
 std::string perfRequestName(const std::vector<int32_t>& list) {
@@ -140,6 +144,11 @@ std::string perfRequestName(const std::vector<int32_t>& list) {
     if (list.size() == 2 && list[0] == 0x00414000) return "CPU boost";
     if (list.size() == 2 && list[0] == 0x02004000) return "No-Tempa";
     return "";
+}
+
+std::string lockName(const PerfLock& l) {
+    return std::string("perf lock") + (l.handle > 0 ? " " + std::to_string(l.handle) : "") +
+           (l.request.empty() ? "" : " (" + l.request + ")");
 }
 
 std::optional<Stamp> Controller::created() const {
@@ -213,7 +222,7 @@ bool processEnded(const Session& s, int pid) {
 
 void closeSpan(EnabledSpan& span, Stamp at, SpanEnd why) {
     // A timed span that ran out before the call ended by itself.
-    if (span.timeoutMs > 0 && span.begin.known() && at.known() &&
+    if (span.timeoutKnown && span.timeoutMs > 0 && span.begin.known() && at.known() &&
         span.begin.ns + int64_t{span.timeoutMs} * 1000000 <= at.ns) {
         span.end = {span.begin.ns + int64_t{span.timeoutMs} * 1000000, span.begin.how};
         span.endedBy = SpanEnd::TimedOut;
@@ -227,8 +236,31 @@ void deriveScenarios(Session& s) {
     s.scenarios.clear();
     // Open scenarios by (pid, handle): a handle is only unique in its process.
     std::map<std::pair<int, int32_t>, size_t> open;
+    // A service that dies takes its scenarios with it.
+    std::vector<const Mark*> deaths;
+    for (const Mark& m : s.marks)
+        if (m.what == "service died") deaths.push_back(&m);
+    size_t nextDeath = 0;
+    auto bury = [&](Nanos before) {
+        for (; nextDeath < deaths.size() && deaths[nextDeath]->ns <= before; ++nextDeath) {
+            const Mark& m = *deaths[nextDeath];
+            for (auto it = open.begin(); it != open.end();) {
+                if (it->first.first != m.pid) {
+                    ++it;
+                    continue;
+                }
+                Scenario& sc = s.scenarios[it->second];
+                sc.unregistered = Stamp{m.ns, Evidence::Inferred};
+                sc.lostWithService = true;
+                if (!sc.enabled.empty() && sc.enabled.back().endedBy == SpanEnd::StillEnabled)
+                    closeSpan(sc.enabled.back(), Stamp{m.ns, Evidence::Inferred}, SpanEnd::ServiceDied);
+                it = open.erase(it);
+            }
+        }
+    };
     for (size_t i = 0; i < s.powerCalls.size(); ++i) {
         const PowerCall& c = s.powerCalls[i];
+        if (c.at.known()) bury(c.at.ns);
         if (c.transportFailed) continue;
         if (c.op == PowerOp::QuerySystemInfo) continue;
         if (c.op == PowerOp::RegisterScenario) {
@@ -264,6 +296,7 @@ void deriveScenarios(Session& s) {
                 EnabledSpan span;
                 span.begin = c.at;
                 span.timeoutMs = c.args.size() > 1 ? c.args[1] : 0;
+                span.timeoutKnown = c.argKnown(1);
                 sc.enabled.push_back(span);
                 break;
             }
@@ -278,6 +311,7 @@ void deriveScenarios(Session& s) {
             default: break;
         }
     }
+    bury(std::numeric_limits<Nanos>::max());
     // What is still open at the end of its process (or of the source).
     for (Scenario& sc : s.scenarios) {
         if (sc.enabled.empty() || sc.enabled.back().endedBy != SpanEnd::StillEnabled) continue;
@@ -311,22 +345,25 @@ void derivePerfLocks(Session& s) {
     s.perfLocks.clear();
     std::map<std::pair<int, int32_t>, size_t> held;  // (pid, handle): its lock
     auto runOut = [](PerfLock& l, Nanos before) {
-        if (l.durationMs <= 0 || !l.acquired.known()) return false;
+        if (!l.durationKnown || l.durationMs <= 0 || !l.acquired.known()) return false;
         const Nanos expiry = l.acquired.ns + int64_t{l.durationMs} * 1000000;
         if (expiry > before) return false;
         l.end = {expiry, l.acquired.how};
         l.endedBy = LockEnd::RanOut;
         return true;
     };
-    for (const PerfCall& c : s.perfCalls) {
+    std::map<size_t, size_t> byCall;  // acquire call: its lock, while held
+    for (size_t i = 0; i < s.perfCalls.size(); ++i) {
+        const PerfCall& c = s.perfCalls[i];
         if (c.op == PerfOp::Acquire) {
             PerfLock l;
             l.pid = c.pid;
-            l.handle = c.result.value_or(0);
+            l.handle = c.result ? *c.result : c.wasGranted() ? -1 : 0;
             l.controller = c.controller;
             l.request = perfRequestName(c.list);
             l.acquired = c.at;
             l.durationMs = c.duration;
+            l.durationKnown = c.durationKnown;
             l.list = c.list;
             if (l.refused()) {
                 l.end = c.at;
@@ -334,30 +371,48 @@ void derivePerfLocks(Session& s) {
                 s.perfLocks.push_back(std::move(l));
                 continue;
             }
-            auto it = held.find({c.pid, l.handle});
-            if (it != held.end()) {  // the handle was given again: the old lock is gone
-                PerfLock& old = s.perfLocks[it->second];
-                if (!runOut(old, c.at.ns)) old.end = {kNoTime, Evidence::Unknown}, old.endedBy = LockEnd::Unknown;
+            if (l.handle > 0) {
+                auto it = held.find({c.pid, l.handle});
+                if (it != held.end()) {  // the handle was given again: the old lock is gone
+                    PerfLock& old = s.perfLocks[it->second];
+                    if (!runOut(old, c.at.ns)) old.end = {kNoTime, Evidence::Unknown}, old.endedBy = LockEnd::Unknown;
+                }
+                held[{c.pid, l.handle}] = s.perfLocks.size();
             }
-            held[{c.pid, l.handle}] = s.perfLocks.size();
+            byCall[i] = s.perfLocks.size();
             s.perfLocks.push_back(std::move(l));
             continue;
         }
-        auto it = held.find({c.pid, c.handle});
-        if (it == held.end()) continue;
-        PerfLock& l = s.perfLocks[it->second];
+        size_t index;
+        if (c.releases >= 0) {
+            auto it = byCall.find(static_cast<size_t>(c.releases));
+            if (it == byCall.end()) continue;
+            index = it->second;
+        } else {
+            auto it = held.find({c.pid, c.handle});
+            if (it == held.end()) continue;
+            index = it->second;
+        }
+        PerfLock& l = s.perfLocks[index];
         if (!runOut(l, c.at.ns)) {
             l.end = c.at;
             l.endedBy = LockEnd::Released;
         }
-        held.erase(it);
+        held.erase({l.pid, l.handle});
+        for (auto it = byCall.begin(); it != byCall.end(); ++it)
+            if (it->second == index) {
+                byCall.erase(it);
+                break;
+            }
     }
-    for (const auto& [key, index] : held) {
+    for (const auto& [call, index] : byCall) {
         PerfLock& l = s.perfLocks[index];
         const Nanos end = endOf(s, l.pid);
         if (runOut(l, end)) continue;
         l.end = {end, l.acquired.how};
-        l.endedBy = processEnded(s, l.pid) ? LockEnd::ProcessEnded : LockEnd::Held;
+        l.endedBy = !l.durationKnown         ? LockEnd::Unknown
+                    : processEnded(s, l.pid) ? LockEnd::ProcessEnded
+                                             : LockEnd::Held;
     }
 }
 

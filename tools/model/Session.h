@@ -130,7 +130,9 @@ struct PowerCall {
     std::vector<int32_t> args;
     std::optional<int32_t> result;  // registerScenario, querySystemInfo
     bool transportFailed = false;
-    std::string describe() const;  // "configScenario(2, 5, 1, 0, 0, 0)  CMD_SET_CPU_PERF_MODE"
+    uint32_t unknownArgs = 0;  // bit i: args[i] is not known (the log does not show it)
+    bool argKnown(size_t i) const { return i >= 32 || (unknownArgs & (1u << i)) == 0; }
+    std::string describe() const;  // "configScenario(2, 5, 1, 0, 0, 0)  CMD_SET_CPU_PERF_MODE", "?" for an unknown
 };
 
 enum class PerfOp : uint8_t { Acquire, Release };
@@ -143,9 +145,17 @@ struct PerfCall {
     PerfOp op = PerfOp::Acquire;
     int32_t handle = 0;    // the handle argument
     int32_t duration = 0;  // Acquire, ms
+    bool durationKnown = true;
     std::vector<int32_t> list;
-    std::optional<int32_t> result;  // Acquire: the lock's handle, 0 when refused
-    std::string describe() const;   // "perf_lock_acq(0, 3000, {0x00414000, 0x1}, 2) = 1"
+    // Acquire: the lock's handle, 0 when refused; unknown when the source
+    // shows only whether it was granted.
+    std::optional<int32_t> result;
+    std::optional<bool> granted;  // Acquire, when result is unknown
+    // Release: the acquire (an index into Session::perfCalls) it ends, when
+    // the source pairs them by call order rather than by handle.
+    int releases = -1;
+    bool wasGranted() const { return result ? *result != 0 : granted.value_or(false); }
+    std::string describe() const;  // "perf_lock_acq(0, 3000, {0x00414000, 0x1}, 2) = 1", "?" for an unknown
 };
 // "camera perf", "CPU boost", "No-Tempa" for the camera controller's lists,
 // "" for another.
@@ -153,13 +163,23 @@ std::string perfRequestName(const std::vector<int32_t>& list);
 
 // ---- derived from the calls (derive()) ----
 
-enum class SpanEnd : uint8_t { Disabled, Reenabled, Unregistered, TimedOut, StillEnabled, ProcessEnded, Unknown };
+enum class SpanEnd : uint8_t {
+    Disabled,
+    Reenabled,
+    Unregistered,
+    TimedOut,
+    StillEnabled,
+    ProcessEnded,
+    ServiceDied,
+    Unknown
+};
 const char* spanEndName(SpanEnd e);
 
 struct EnabledSpan {
     Stamp begin;
     Stamp end;  // when it ended, or the session's end for one still enabled
     int32_t timeoutMs = 0;
+    bool timeoutKnown = true;
     SpanEnd endedBy = SpanEnd::StillEnabled;
 };
 
@@ -171,6 +191,7 @@ struct Scenario {
     std::optional<Stamp> unregistered;
     std::vector<size_t> calls;  // indexes into Session::powerCalls, in order
     std::vector<EnabledSpan> enabled;
+    bool lostWithService = false;  // the service died while it was registered
     bool leftRegistered() const { return !unregistered.has_value(); }
     // Still enabled when the source ended or its process did.
     bool leftEnabled() const {
@@ -182,21 +203,33 @@ struct Scenario {
     std::string why;
 };
 
+// Unknown: neither released nor known to have run out (its duration is not
+// in the source).
 enum class LockEnd : uint8_t { Released, RanOut, Held, ProcessEnded, Unknown };
 const char* lockEndName(LockEnd e);
 
+struct PerfLock;
+// "perf lock 3 (camera perf)", or "perf lock (CPU boost)" when its handle is
+// not known.
+std::string lockName(const PerfLock& l);
+
 struct PerfLock {
     int pid = 0;
-    int32_t handle = 0;  // 0: refused
+    int32_t handle = 0;  // 0: refused; -1: granted, its handle not known
     int controller = 0;
     std::string request;  // perfRequestName of its list
     Stamp acquired;
     Stamp end;  // released, ran out, or the session's end
     LockEnd endedBy = LockEnd::Held;
     int32_t durationMs = 0;
+    bool durationKnown = true;
     std::vector<int32_t> list;
     bool refused() const { return handle == 0; }
-    bool leftHeld() const { return endedBy == LockEnd::Held || endedBy == LockEnd::ProcessEnded; }
+    // Still held when the source or its process ended, or may be (never
+    // released, and its duration unknown).
+    bool leftHeld() const {
+        return endedBy == LockEnd::Held || endedBy == LockEnd::ProcessEnded || endedBy == LockEnd::Unknown;
+    }
 };
 
 // ---- the file cache ----
@@ -235,7 +268,9 @@ struct BudgetPoint {
 struct Mark {
     Nanos ns = 0;
     int pid = 0;
-    std::string what;  // "exit", "gap", "restart", ...
+    // "exit", "phase", "gap", "service died" (the power service: what it
+    // held ends there), ...
+    std::string what;
     std::string detail;
 };
 

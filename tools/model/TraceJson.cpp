@@ -47,6 +47,7 @@ json event(const char* ph, Nanos ns, int pid, int tid) {
 }
 
 std::string spanName(const EnabledSpan& e) {
+    if (!e.timeoutKnown) return "enabled, timeout not in the log";
     if (e.timeoutMs > 0 && e.timeoutMs < kScenarioTimeoutMax) return "enabled, " + std::to_string(e.timeoutMs) + " ms";
     return e.timeoutMs == kScenarioTimeoutMax ? "enabled, no time limit" : "enabled";
 }
@@ -195,17 +196,19 @@ std::string renderTrace(const Session& s) {
             json e = event("i", l.acquired.ns, l.pid, l.pid);
             e["s"] = "p";
             e["cat"] = "perf";
-            e["name"] = "perf lock refused" + (l.request.empty() ? "" : " (" + l.request + ")");
+            e["name"] = lockName(l) + " refused";
             w.add(e);
             continue;
         }
         const std::string id = "perf lock " + std::to_string(l.pid) + "/" + std::to_string(i);
-        const std::string name = "perf lock " + std::to_string(l.handle) + (l.request.empty() ? "" : " " + l.request);
+        const std::string name = lockName(l);
         json b = event("b", l.acquired.ns, l.pid, l.pid);
         b["cat"] = "perf";
         b["id"] = id;
         b["name"] = name;
-        b["args"] = {{"duration ms", l.durationMs}, {"list", listText(l.list)}, {"ended by", lockEndName(l.endedBy)}};
+        b["args"] = {{"duration ms", l.durationKnown ? json(l.durationMs) : json("not in the log")},
+                     {"list", listText(l.list)},
+                     {"ended by", lockEndName(l.endedBy)}};
         w.add(b);
         json e = event("e", l.end.known() ? l.end.ns : s.end, l.pid, l.pid);
         e["cat"] = "perf";
