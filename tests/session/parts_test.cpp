@@ -19,8 +19,9 @@ namespace qt = qrnhost::testing;
 
 TEST(SessionParts, OptionsReachTheSessionProcessAsTheyWereParsed) {
     std::vector<std::string> words = {
-        "qrncam_session", "--frames", "7",   "--frame-size", "3M",     "--budget",     "1G",       "--prop",
-        "a.b=c d",        "--mode",   "0x3", "--trace",      "t.json", "--log-format", "long,usec"};
+        "qrncam_session", "--frames", "7",   "--frame-size", "3M",     "--budget",     "1G",        "--prop",
+        "a.b=c d",        "--mode",   "0x3", "--trace",      "t.json", "--log-format", "long,usec", "--scenario",
+        "service-death"};
     std::vector<char*> argv;
     for (auto& w : words) argv.push_back(w.data());
     session::Options o;
@@ -34,6 +35,7 @@ TEST(SessionParts, OptionsReachTheSessionProcessAsTheyWereParsed) {
     EXPECT_EQ(1ll << 30, back.budget);
     EXPECT_EQ(3u, back.mode);
     EXPECT_EQ(std::vector<std::string>{"a.b=c d"}, back.props);
+    EXPECT_EQ("service-death", back.scenario);
     EXPECT_FALSE(back.fromJson("{\"frames\": 1}", &error));
     uint64_t size = 0;
     EXPECT_FALSE(session::parseSize("-1", &size));

@@ -63,6 +63,7 @@ TEST_F(SessionChildTest, BadInputIsRefusedBeforeAnythingRuns) {
         {"92-character value", {"--prop", "a.b=" + std::string(92, 'v')}, "", "invalid --prop"},
         {"malformed property file", {}, "a.b=1\nnot an assignment\n", ":2: expected key=value"},
         {"property file that is a directory", {}, "/", "which is not a readable file"},
+        {"unknown scenario", {"--scenario", "fast"}, "", "invalid --scenario"},
         {"trace file that cannot be written",
          {"--trace", "/nonexistent/dir/t.json"},
          "",

@@ -4,6 +4,7 @@
 #include <getopt.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 
 #include <qrnhost/properties.h>
 #include <climits>
@@ -39,6 +40,10 @@ const char* kUsage =
     "  --report FILE.html  write a page that shows the session: its timeline, the dump\n"
     "                      budget over time, the flushes, the files and the log (self-contained)\n"
     "  --json FILE         write the session as one JSON object (schema qrncam-session/1)\n"
+    "  --scenario NAME     what the controllers do: default (the typical camera use),\n"
+    "                      two-of-each (two objects of each class at once), service-death\n"
+    "                      (the power service dies and comes back), refused-locks (the\n"
+    "                      perf-lock library refuses locks)\n"
     "  --quiet-log         do not print log lines\n"
     "  --help              this text\n";
 
@@ -92,6 +97,7 @@ int parseOptions(int argc, char** argv, Options* o) {
         kReport,
         kJson,
         kLogFormat,
+        kScenario,
         kQuiet,
         kHelp
     };
@@ -110,6 +116,7 @@ int parseOptions(int argc, char** argv, Options* o) {
                                              {"report", required_argument, nullptr, kReport},
                                              {"json", required_argument, nullptr, kJson},
                                              {"log-format", required_argument, nullptr, kLogFormat},
+                                             {"scenario", required_argument, nullptr, kScenario},
                                              {"quiet-log", no_argument, nullptr, kQuiet},
                                              {"help", no_argument, nullptr, kHelp},
                                              {nullptr, 0, nullptr, 0}};
@@ -171,6 +178,13 @@ int parseOptions(int argc, char** argv, Options* o) {
                 if (!qrnsession::LogcatFormat(optarg).valid()) return bad("--log-format (logcat's -v words)", optarg);
                 o->logFormat = optarg;
                 break;
+            case kScenario: {
+                bool known = false;
+                for (const char* name : kScenarios) known = known || strcmp(name, optarg) == 0;
+                if (!known) return bad("--scenario (default, two-of-each, service-death, refused-locks)", optarg);
+                o->scenario = optarg;
+                break;
+            }
             case kQuiet: o->quietLog = true; break;
             case kHelp: fputs(kUsage, stdout); return 0;
             default:
@@ -201,7 +215,8 @@ std::string Options::toJson() const {
                               {"report", reportFile},
                               {"json", jsonFile},
                               {"log_format", logFormat},
-                              {"quiet_log", quietLog}};
+                              {"quiet_log", quietLog},
+                              {"scenario", scenario}};
     return j.dump();
 }
 
@@ -225,6 +240,7 @@ bool Options::fromJson(const std::string& text, std::string* error) {
         o.jsonFile = j.at("json");
         o.logFormat = j.at("log_format");
         o.quietLog = j.at("quiet_log");
+        o.scenario = j.at("scenario");
         *this = std::move(o);
         return true;
     } catch (const std::exception& e) {

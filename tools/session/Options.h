@@ -27,10 +27,16 @@ struct Options {
     std::string jsonFile;
     std::string logFormat = "threadtime";
     bool quietLog = false;
+    // What the controllers do (kScenarios): the typical use, or one that
+    // puts the log readers to the test.
+    std::string scenario = "default";
 
     std::string toJson() const;
     bool fromJson(const std::string& text, std::string* error);
 };
+
+// The controller scenarios a session can run.
+inline constexpr const char* kScenarios[] = {"default", "two-of-each", "service-death", "refused-locks"};
 
 // Parses the command line into o. Returns -1 to go on, or the status to exit
 // with (0 after --help, 2 for a bad option, with a message on stderr).

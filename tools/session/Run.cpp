@@ -13,6 +13,7 @@
 #include <ThermalInfo.h>
 #include <cutils/properties.h>
 #include <qrncam/utils/ULog.h>
+#include <qrnhost/PerfSim.h>
 #include <qrnhost/hidl.h>
 #include <qrnhost/kernelfs.h>
 #include <qrnhost/properties.h>
@@ -24,6 +25,7 @@
 #include <mutex>
 #include <set>
 #include <thread>
+#include <type_traits>
 
 #include "Record.h"
 
@@ -33,6 +35,7 @@ namespace fs = std::filesystem;
 namespace qs = qrnsession;
 using Clock = std::chrono::steady_clock;
 using ULogger = NSCam::Utils::ULog::ULogger;
+using vendor::quarnel::hardware::power::V2_0::IPower;
 
 namespace {
 
@@ -57,27 +60,67 @@ void writeKernelNodes(const std::string& root) {
     std::ofstream(root + "/proc/driver/cl_apu_status") << "";
 }
 
+// A controller object as the session drives it: its calls are recorded as
+// its own, and so is its life (with the users it has).
+template <typename C>
+class Driven {
+  public:
+    Driven(Recorder& rec, int id) : mRec(rec), mId(id) {
+        Recorder::Acting acting(mId);
+        mCtrl = C::createInstance();
+        mRec.controller(mId, kind(), "create", 0);
+    }
+    // Runs f on the object as this controller's call.
+    template <typename F>
+    auto operator()(F f) {
+        Recorder::Acting acting(mId);
+        return f(mCtrl);
+    }
+    void init() {
+        (*this)([](C* c) { return c->init(); });
+        mRec.controller(mId, kind(), "init", ++mUsers);
+    }
+    void uninit() {
+        (*this)([](C* c) { return c->uninit(); });
+        const bool had = mUsers > 0;
+        if (had) --mUsers;
+        mRec.controller(mId, kind(), had ? "uninit" : "uninit without a user", mUsers);
+    }
+    void destroy() {
+        (*this)([](C* c) {
+            c->destroyInstance();
+            return true;
+        });
+        // The camera controller's destructor releases one user itself.
+        if (kind() == qs::ControllerKind::Cam3CPUCtrl && mUsers > 0) --mUsers;
+        mRec.controller(mId, kind(), "destroy", mUsers);
+    }
+
+  private:
+    static qs::ControllerKind kind() {
+        return std::is_same_v<C, CpuCtrl> ? qs::ControllerKind::CpuCtrl : qs::ControllerKind::Cam3CPUCtrl;
+    }
+    Recorder& mRec;
+    int mId;
+    C* mCtrl = nullptr;
+    int mUsers = 0;
+};
+using Cam = Driven<Utils::Cam3CPUCtrl>;
+using Cpu = Driven<CpuCtrl>;
+
 // The camera controller's typical use, from creation to destruction.
 void cameraControllerSession(Recorder& rec) {
-    constexpr int kId = 1;
-    Recorder::Acting acting(kId);
-    const auto kind = qs::ControllerKind::Cam3CPUCtrl;
-    Utils::Cam3CPUCtrl* cam = Utils::Cam3CPUCtrl::createInstance();
-    rec.controller(kId, kind, "create", 0);
-    cam->init();
-    rec.controller(kId, kind, "init", 1);
-    const bool camPerf = cam->enterCameraPerf();
-    const bool perfMode = cam->cpuPerformanceMode(3000);
-    const bool boost = cam->enterCPUBoost(2000);
-    const bool noTempa = cam->enterNoTempa();
-    const bool preferIdle = cam->enablePreferIdle();  // off unless vendor.cam3dev.cpupreferidle is set
-    cam->exitNoTempa();
-    cam->exitCPUBoost();
-    cam->exitCameraPerf();
-    cam->uninit();
-    rec.controller(kId, kind, "uninit", 0);
-    cam->destroyInstance();
-    rec.controller(kId, kind, "destroy", 0);
+    Cam cam(rec, 1);
+    cam.init();
+    const bool camPerf = cam([](auto* c) { return c->enterCameraPerf(); });
+    const bool perfMode = cam([](auto* c) { return c->cpuPerformanceMode(3000); });
+    const bool boost = cam([](auto* c) { return c->enterCPUBoost(2000); });
+    const bool noTempa = cam([](auto* c) { return c->enterNoTempa(); });
+    // Off unless vendor.cam3dev.cpupreferidle is set.
+    const bool preferIdle = cam([](auto* c) { return c->enablePreferIdle(); });
+    cam([](auto* c) { return c->exitNoTempa() && c->exitCPUBoost() && c->exitCameraPerf(); });
+    cam.uninit();
+    cam.destroy();
     rec.fact("Cam3CPUCtrl: enterCameraPerf " + yesNo(camPerf) + ", cpuPerformanceMode(3000) " + yesNo(perfMode) +
              ", enterCPUBoost(2000) " + yesNo(boost) + ", enterNoTempa " + yesNo(noTempa) + ", enablePreferIdle " +
              yesNo(preferIdle));
@@ -86,26 +129,96 @@ void cameraControllerSession(Recorder& rec) {
 // A CpuCtrl session: fixed and ranged requests, boost, prefer-idle and a
 // new timeout.
 void cpuControllerSession(Recorder& rec) {
-    constexpr int kId = 2;
-    Recorder::Acting acting(kId);
-    const auto kind = qs::ControllerKind::CpuCtrl;
-    CpuCtrl* cpu = CpuCtrl::createInstance();
-    rec.controller(kId, kind, "create", 0);
-    cpu->init();
-    rec.controller(kId, kind, "init", 1);
+    Cpu cpu(rec, 2);
+    cpu.init();
     CpuCtrl::CPU_CTRL_INFO fixed = {4, 2000000, 4, 1500000, 2};
-    const bool cpuFixed = cpu->enable(fixed);
+    const bool cpuFixed = cpu([&](CpuCtrl* c) { return c->enable(fixed); });
     CpuCtrl::CPU_CTRL_RANGE_INFO range = {2, 2, 4, 4, 1200000, 800000, -1, 1800000, 0};
-    const bool cpuRange = cpu->enable(range);
-    const bool cpuBoost = cpu->enableBoost(1);
-    const bool cpuIdle = cpu->enablePreferIdle();
-    const bool cpuReset = cpu->resetTimeout(5);
-    cpu->uninit();
-    rec.controller(kId, kind, "uninit", 0);
-    cpu->destroyInstance();
-    rec.controller(kId, kind, "destroy", 0);
+    const bool cpuRange = cpu([&](CpuCtrl* c) { return c->enable(range); });
+    const bool cpuBoost = cpu([](CpuCtrl* c) { return c->enableBoost(1); });
+    const bool cpuIdle = cpu([](CpuCtrl* c) { return c->enablePreferIdle(); });
+    const bool cpuReset = cpu([](CpuCtrl* c) { return c->resetTimeout(5); });
+    cpu.uninit();
+    cpu.destroy();
     rec.fact("CpuCtrl: enable(fixed) " + yesNo(cpuFixed) + ", enable(range) " + yesNo(cpuRange) + ", enableBoost(1) " +
              yesNo(cpuBoost) + ", enablePreferIdle " + yesNo(cpuIdle) + ", resetTimeout(5) " + yesNo(cpuReset));
+}
+
+// Two objects of each class alive at once, one of them with two users:
+// what their calls are cannot always be told apart in their lines.
+void twoOfEach(Recorder& rec) {
+    Cam a(rec, 1), b(rec, 2);
+    a.init();
+    b.init();
+    b.init();
+    a([](auto* c) { return c->cpuPerformanceMode(500); });
+    b([](auto* c) { return c->enterCameraPerf(); });
+    a([](auto* c) { return c->enterCPUBoost(1000); });
+    b([](auto* c) { return c->exitCameraPerf(); });
+    a([](auto* c) { return c->exitCPUBoost(); });
+    b([](auto* c) { return c->cpuPerformanceMode(0); });
+    a.uninit();
+    b.uninit();
+    b.uninit();
+    a.destroy();
+    b.destroy();
+    Cpu c(rec, 3), d(rec, 4);
+    c.init();
+    d.init();
+    CpuCtrl::CPU_CTRL_INFO fixed = {2, 1000000, 2, 900000, 0};
+    c([&](CpuCtrl* ctrl) { return ctrl->enable(fixed); });
+    d([](CpuCtrl* ctrl) { return ctrl->cpuPerformanceMode(2); });
+    c([](CpuCtrl* ctrl) { return ctrl->disable(); });
+    c.uninit();
+    d.uninit();
+    c.destroy();
+    d.destroy();
+    rec.fact("two objects of each class, used at once");
+}
+
+// The power service dies while both controllers hold scenarios on it, and
+// a new one is registered; each controller then works with the new one.
+void serviceDeath(Recorder& rec, android::sp<qrnhost::power::SimPowerService>& sim) {
+    Cam cam(rec, 1);
+    Cpu cpu(rec, 2);
+    cam.init();
+    cpu.init();
+    cam([](auto* c) { return c->cpuPerformanceMode(1000); });
+    CpuCtrl::CPU_CTRL_INFO fixed = {4, 2000000, 4, 1500000, 0};
+    cpu([&](CpuCtrl* c) { return c->enable(fixed); });
+    rec.mark("service died", "the vendor power service is killed");
+    qrnhost::power::killDefaultService();
+    qrnhost::hidl::waitForDeathNotices(IPower::descriptor, "default");
+    sim = qrnhost::power::startDefaultService();
+    rec.observe(sim);
+    // The camera controller binds the new service by itself; CpuCtrl looks
+    // it up at its next init.
+    cam([](auto* c) { return c->cpuPerformanceMode(2000); });
+    cpu.init();
+    cpu([](CpuCtrl* c) { return c->cpuPerformanceMode(1); });
+    cam.uninit();
+    cam.destroy();
+    cpu.uninit();
+    cpu.uninit();
+    cpu.destroy();
+    rec.fact("the power service died once and came back");
+}
+
+// The perf-lock library refuses some locks.
+void refusedLocks(Recorder& rec) {
+    Cam cam(rec, 1);
+    cam.init();
+    qrnhost::perf::refuseNext(1);
+    const bool first = cam([](auto* c) { return c->enterCameraPerf(); });
+    const bool second = cam([](auto* c) { return c->enterCameraPerf(); });
+    qrnhost::perf::refuseNext(1);
+    const bool boost = cam([](auto* c) { return c->enterCPUBoost(500); });
+    const bool noTempa = cam([](auto* c) { return c->enterNoTempa(); });
+    cam([](auto* c) { return c->exitNoTempa() && c->exitCPUBoost() && c->exitCameraPerf(); });
+    cam.uninit();
+    cam.destroy();
+    rec.fact("perf locks refused: enterCameraPerf " + yesNo(first) + ", again " + yesNo(second) +
+             ", enterCPUBoost(500) " + yesNo(boost) + ", enterNoTempa " + yesNo(noTempa));
 }
 
 void systemInformation(Recorder& rec, const std::string& root) {
@@ -215,10 +328,21 @@ int runSession(const Options& o, const std::string& dir) {
     }
     rec->observe(sim);
 
-    rec->mark("phase", "camera controller session (Cam3CPUCtrl)");
-    cameraControllerSession(*rec);
-    rec->mark("phase", "CPU controller session (CpuCtrl)");
-    cpuControllerSession(*rec);
+    if (o.scenario == "two-of-each") {
+        rec->mark("phase", "two objects of each controller class");
+        twoOfEach(*rec);
+    } else if (o.scenario == "service-death") {
+        rec->mark("phase", "the power service dies and comes back");
+        serviceDeath(*rec, sim);
+    } else if (o.scenario == "refused-locks") {
+        rec->mark("phase", "perf locks refused");
+        refusedLocks(*rec);
+    } else {
+        rec->mark("phase", "camera controller session (Cam3CPUCtrl)");
+        cameraControllerSession(*rec);
+        rec->mark("phase", "CPU controller session (CpuCtrl)");
+        cpuControllerSession(*rec);
+    }
     rec->mark("phase", "memory and thermal");
     systemInformation(*rec, root);
     // The capture burst comes last: the process exits as soon as the last
