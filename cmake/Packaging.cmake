@@ -8,6 +8,34 @@ set(QRNCAM_INSTALL_CMAKEDIR "${CMAKE_INSTALL_LIBDIR}/cmake/qrncam_sysutils")
 set(QRNCAM_INSTALL_INCDIR "${CMAKE_INSTALL_INCLUDEDIR}/qrncam_sysutils")
 set(QRNCAM_INSTALL_PERFDIR "${CMAKE_INSTALL_LIBDIR}/perf")
 
+# cmake --install right after a configure, or after a build of part of the
+# tree (tools/run.sh builds the main program only), would find libraries
+# missing: it builds them first, and says what to run if that fails. Files
+# already there are installed as they are, as cmake --install does.
+set(installed qrncam_sysutils ${QRNHOST_LIBRARIES} qrnhost_perfsim)
+set(installed_files)
+foreach(target IN LISTS installed)
+  list(APPEND installed_files "$<TARGET_FILE:${target}>")
+endforeach()
+install(CODE "
+  set(missing)
+  foreach(file IN ITEMS ${installed_files})
+    if(NOT EXISTS \"\${file}\")
+      list(APPEND missing \"\${file}\")
+    endif()
+  endforeach()
+  if(missing)
+    list(LENGTH missing count)
+    list(GET missing 0 first)
+    message(STATUS \"\${count} of the files to install are not built yet (\${first}, ...): building them first\")
+    execute_process(COMMAND \"${CMAKE_COMMAND}\" --build \"${CMAKE_BINARY_DIR}\" --target ${installed}
+                    RESULT_VARIABLE failed)
+    if(failed)
+      message(FATAL_ERROR \"The build failed: run cmake --build ${CMAKE_BINARY_DIR}, then install again.\")
+    endif()
+  endif()
+")
+
 install(TARGETS qrncam_sysutils ${QRNHOST_LIBRARIES}
   EXPORT qrncam_sysutilsTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
@@ -54,5 +82,14 @@ install(FILES "${CMAKE_BINARY_DIR}/qrncam_sysutilsConfig.cmake"
   "${CMAKE_BINARY_DIR}/qrncam_sysutilsConfigVersion.cmake"
   DESTINATION ${QRNCAM_INSTALL_CMAKEDIR})
 
-configure_file(cmake/qrncam_sysutils.pc.in "${CMAKE_BINARY_DIR}/qrncam_sysutils.pc" @ONLY)
-install(FILES "${CMAKE_BINARY_DIR}/qrncam_sysutils.pc" DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+set(pcfiles qrncam_sysutils)
+if(TARGET qrnhost_testing_main)
+  list(APPEND pcfiles qrncam_sysutils-testing qrncam_sysutils-testing_main)
+endif()
+foreach(pc IN LISTS pcfiles)
+  configure_file(cmake/${pc}.pc.in "${CMAKE_BINARY_DIR}/${pc}.pc" @ONLY)
+  install(FILES "${CMAKE_BINARY_DIR}/${pc}.pc" DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endforeach()
+
+# The command that shows how actual transcripts differ from the kept ones.
+install(PROGRAMS tools/transcripts.sh DESTINATION ${CMAKE_INSTALL_BINDIR} RENAME qrncam-transcripts)

@@ -6,6 +6,11 @@
 #  - a program built through find_package, and one through pkg-config, take
 #    a camera perf lock, which works only if the installed library finds the
 #    installed perf-lock library through its own RUNPATH;
+#  - the capture stage of tests/package/consumer, built both ways (pkg-config
+#    --cflags --libs qrncam_sysutils-testing gtest alone), passes its tests
+#    under testing_main, and a test that leaves a perf lock held fails with
+#    the lock named;
+#  - qrncam-transcripts shows how an actual transcript differs;
 #  - no installed binary looks for anything in the source or build tree;
 #  - the example of the test harness, as installed, builds through
 #    find_package and its tests pass.
@@ -30,71 +35,54 @@ done < <(find "$prefix/lib" -name '*.so*' -type f -print0)
 readelf -d "$prefix/lib/libqrncam_sysutils.so" | grep -q 'RUNPATH.*\$ORIGIN/perf' || {
   echo "package: libqrncam_sysutils.so has no RUNPATH to the perf-lock library" >&2; exit 1; }
 
-cat > "$work/consumer/main.cpp" <<'CPP'
-// Takes and gives back a camera perf lock, which works only when the library
-// has found the perf-lock library, and prints where that library was found.
-#include <Cam3CPUCtrl.h>
-#include <dlfcn.h>
-#include <stdio.h>
-int main() {
-    Utils::Cam3CPUCtrl* ctrl = Utils::Cam3CPUCtrl::createInstance();
-    const bool locked = ctrl->enterCameraPerf();
-    ctrl->exitCameraPerf();
-    ctrl->destroyInstance();
-    void* perf = dlopen("libqrnperf_client_vendor.so", RTLD_NOW | RTLD_NOLOAD);
-    Dl_info info{};
-    if (!locked || perf == nullptr || dladdr(dlsym(perf, "perf_lock_acq"), &info) == 0) {
-        fprintf(stderr, "consumer: no perf lock\n");
-        return 1;
-    }
-    printf("%s\n", info.dli_fname);
-    return 0;
-}
-CPP
-cat > "$work/consumer/CMakeLists.txt" <<'CMAKE'
-cmake_minimum_required(VERSION 3.25)
-project(consumer CXX)
-set(CMAKE_CXX_STANDARD 17)
-get_cmake_property(cache_before CACHE_VARIABLES)
-find_package(qrncam_sysutils REQUIRED)
-get_cmake_property(cache_after CACHE_VARIABLES)
-list(REMOVE_ITEM cache_after ${cache_before} qrncam_sysutils_DIR)
-if(cache_after)
-  message(FATAL_ERROR "find_package(qrncam_sysutils) added cache entries: ${cache_after}")
-endif()
-get_directory_property(imported IMPORTED_TARGETS)
-foreach(t IN LISTS imported)
-  get_target_property(global ${t} IMPORTED_GLOBAL)
-  if(NOT t MATCHES "^qrncam_sysutils::" OR global)
-    message(FATAL_ERROR "find_package(qrncam_sysutils) created ${t} (global: ${global})")
-  endif()
-endforeach()
-if(NOT TARGET qrncam_sysutils::testing)
-  message(FATAL_ERROR "the package has no qrncam_sysutils::testing")
-endif()
-add_executable(consumer main.cpp)
-target_link_libraries(consumer PRIVATE qrncam_sysutils::qrncam_sysutils)
-CMAKE
-
-# The perf-lock library a consumer ended up with must be the installed one.
-check_perf() {
+consumer="$root/tests/package/consumer"
+check_perf() {  # the perf-lock library a program ended up with must be the installed one
   local found
   found=$("$@") || { echo "package: $1 failed" >&2; return 1; }
   [ "$(realpath "$found")" = "$prefix/lib/perf/libqrnperf_client_vendor.so" ] || {
     echo "package: $1 loaded the perf-lock library from $found" >&2; return 1; }
 }
+check_tests() {  # $1: the capture stage's tests, $2: the test that leaves a perf lock held
+  "$1" >"$work/stage.out" 2>&1 || { cat "$work/stage.out" >&2; echo "package: $1 failed" >&2; return 1; }
+  if "$2" >"$work/leaky.out" 2>&1; then
+    cat "$work/leaky.out" >&2; echo "package: $2 passed, leaving a perf lock held" >&2; return 1
+  fi
+  grep -qF "the test left a perf lock behind: lock 1 {0x01404300, 0x00000001, 0x01404100, 0x00000001} until released (camera perf mode: enterCameraPerf)" \
+    "$work/leaky.out" || { cat "$work/leaky.out" >&2; echo "package: $2 did not name the lock it left" >&2; return 1; }
+}
 
-cmake -S "$work/consumer" -B "$work/consumer/build" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
-cmake --build "$work/consumer/build" >/dev/null
-check_perf "$work/consumer/build/consumer"
+# Through find_package.
+cmake -S "$consumer" -B "$work/consumer" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+cmake --build "$work/consumer" >/dev/null
+check_perf "$work/consumer/perf_where"
+check_tests "$work/consumer/stage_test" "$work/consumer/leaky_test"
 
+# Through pkg-config alone: the library, then the harness with GoogleTest.
 export PKG_CONFIG_PATH="$prefix/lib/pkgconfig"
+mkdir -p "$work/pc"
 # shellcheck disable=SC2046 # pkg-config's output is a list of flags
-g++ -std=c++17 "$work/consumer/main.cpp" -o "$work/consumer/pc" $(pkg-config --cflags --libs qrncam_sysutils)
-check_perf "$work/consumer/pc"
+g++ -std=c++17 "$consumer/perf_where.cpp" -o "$work/pc/perf_where" $(pkg-config --cflags --libs qrncam_sysutils)
+check_perf "$work/pc/perf_where"
+for test in stage_test leaky_test; do
+  # shellcheck disable=SC2046
+  g++ -std=c++17 "$consumer/$test.cpp" "$consumer/capture_stage.cpp" -o "$work/pc/$test" \
+    $(pkg-config --cflags --libs qrncam_sysutils-testing gtest)
+done
+check_tests "$work/pc/stage_test" "$work/pc/leaky_test"
+[ "$(pkg-config --libs qrncam_sysutils-testing_main)" = "$(pkg-config --libs qrncam_sysutils-testing)" ] || {
+  echo "package: qrncam_sysutils-testing_main is not the harness" >&2; exit 1; }
+
+# The transcript command, installed, on an actual transcript of its own.
+printf '# kept\n== a\n-> 1\n' > "$work/kept.txt"
+printf '# %s\n# kept\n== a\n-> 2\n' "$work/kept.txt" > "$work/actual.txt"
+if "$prefix/bin/qrncam-transcripts" "$work/actual.txt" > "$work/transcripts.out"; then
+  echo "package: qrncam-transcripts found no difference" >&2; exit 1
+fi
+grep -qx -- '+-> 2' "$work/transcripts.out" || { cat "$work/transcripts.out" >&2; exit 1; }
 
 example="$prefix/share/qrncam_sysutils/example"
 cmake -S "$example" -B "$work/example" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$work/example" >/dev/null
 ctest --test-dir "$work/example" --output-on-failure
-echo "package: find_package and pkg-config consumers and the harness example built and ran"
+echo "package: find_package and pkg-config consumers (a program, the capture stage's tests and a test that"
+echo "  leaves a perf lock, which failed naming it), qrncam-transcripts and the harness example built and ran"

@@ -77,12 +77,16 @@ lane_tidy() {
 }
 
 lane_package() {
-  # cmake --install, then a separate project finds the library both ways.
-  cmake --preset default >/dev/null
-  cmake --build --preset default -j"$jobs"
-  local prefix="$root/build/package/prefix"
+  # cmake --install straight after a configure, as a new user may run it:
+  # it builds what it installs (the libraries only, in a build of their
+  # own, cleaned first). Then projects outside the tree use the installed
+  # package through find_package and through pkg-config.
+  local build="$root/build/package-build" prefix="$root/build/package/prefix"
+  cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQRNCAM_BUILD_TESTS=OFF \
+    -DQRNCAM_BUILD_BENCH=OFF -DQRNCAM_BUILD_TOOLS=OFF >/dev/null
+  cmake --build "$build" --target clean >/dev/null
   rm -rf "$root/build/package"
-  cmake --install build/default --prefix "$prefix" >/dev/null
+  CMAKE_BUILD_PARALLEL_LEVEL="$jobs" cmake --install "$build" --prefix "$prefix" >/dev/null
   tools/ci/check-package.sh "$prefix" "$root/build/package"
 }
 
