@@ -39,11 +39,11 @@ namespace Utils {
 // ---------------------------------------------------------------------------
 // Perf-lock client loader
 
+// Controllers constructed on several threads at once would otherwise race on
+// the three variables below during the first load.
+static std::mutex gPerfLoadLock;
 // Loaded once per process and never closed after success; any failure puts
 // all three back to null so that the next caller retries from dlopen.
-// Controllers constructed on several threads at once would otherwise race on
-// the three variables during the first load.
-static std::mutex gPerfLoadLock;
 static void* gPerfLibHandle GUARDED_BY(gPerfLoadLock) = nullptr;
 static PerfLockAcqFn gPerfLockAcq GUARDED_BY(gPerfLoadLock) = nullptr;
 static PerfLockRelFn gPerfLockRel GUARDED_BY(gPerfLoadLock) = nullptr;
