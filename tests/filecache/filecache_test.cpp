@@ -9,6 +9,7 @@
 #include <cutils/properties.h>
 #include <qrnhost/properties.h>
 #include <atomic>
+#include <filesystem>
 #include <future>
 #include <map>
 #include <thread>
@@ -157,11 +158,16 @@ TEST_F(FileCacheTest, FlushTranscript) {
     fc::removeObserver(observer);
     EXPECT_EQ(0u, fc::charged());
 
-    // The name block holds 255 characters: a longer name is cut, never overrun.
-    const std::string longName = mDir.path() + "/" + std::string(250, 'n') + "TAIL";
-    put(IFileCache::open(longName.c_str()), "cut");
+    // The name block holds 255 characters: a name of 255 is kept whole, one
+    // character more is cut, never overrun.
+    const std::string whole = mDir.path() + "/" + std::string(255 - mDir.path().size() - 1, 'w');
+    const std::string cut = mDir.path() + "/" + std::string(256 - mDir.path().size() - 1, 'c');
+    put(IFileCache::open(whole.c_str()), "whole");
+    put(IFileCache::open(cut.c_str()), "cut");
     drain();
-    EXPECT_EQ("cut", qt::readFile(longName.substr(0, 255)));
+    EXPECT_EQ("whole", qt::readFile(whole));
+    EXPECT_EQ("cut", qt::readFile(cut.substr(0, 255)));
+    EXPECT_FALSE(std::filesystem::exists(cut));
 }
 
 // Every fault a caller can meet, with the log switch off: what each call

@@ -42,12 +42,18 @@ TEST(Facade, GatesAndSinksPerModeLevelAndMask) {
         {1, 5, 0x40107000, {"[f] cpu", "[f] warn", "[f] error (logBothModules){#", "[f] cam3"}, 0},
         {2, 5, 0x40007000, {}, 3},
         {8, 5, 0x40007000, {}, 3},
-        {0x10, 5, 0x40007000, {}, 0},  // bits above 3 select nothing
-        {1, 4, 0x40107000, {"[f] warn", "[f] error (logBothModules){#"}, 0},
+        {0x10, 5, 0x40007000, {}, 0},                                         // bits above 3 select nothing
+        {1, 4, 0x40107000, {"[f] warn", "[f] error (logBothModules){#"}, 0},  // DEBUG needs 5
+        {1, 2, 0x40107000, {"[f] warn", "[f] error (logBothModules){#"}, 0},  // WARN needs 2
         {1, 1, 0x40107000, {"[f] error (logBothModules){#"}, 0},
         {1, 0xFFFFFFFFu, 0x00107000, {"[f] warn", "[f] error (logBothModules){#", "[f] cam3"}, 0},
         {1, 5, 0x40000000, {"[f] warn", "[f] error (logBothModules){#"}, 0},  // group bit but no channel
         {1, 5, 0x40004000, {"[f] cpu", "[f] warn", "[f] error (logBothModules){#"}, 0},
+        // The debug channels are 0x7000: 0x1000 is the lowest, 0x8000 and 0x0800 are none.
+        {1, 5, 0x40001000, {"[f] cpu", "[f] warn", "[f] error (logBothModules){#"}, 0},
+        {1, 5, 0x40008800, {"[f] warn", "[f] error (logBothModules){#"}, 0},
+        // A module's group is its highest bit only: the bits beside it are others'.
+        {1, 5, 0xA0207000, {"[f] warn", "[f] error (logBothModules){#"}, 0},
         {1, 5, 0x00007000, {"[f] warn", "[f] error (logBothModules){#"}, 0},  // channel but no group
     };
     for (const auto& c : cases) {

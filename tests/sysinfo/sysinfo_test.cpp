@@ -49,9 +49,14 @@ TEST_F(SysInfo, MeminfoContents) {
         {"no Cached (SwapCached is not it)", meminfo("1000", "200", ""), -1, 4050944000},
         {"no MemTotal", meminfo("1000", "200", "300", ""), 1536000, -1},
         {"negative values", meminfo("1000", "-200", "300", "-5"), -1, -1},
+        {"zero is a value, -1 is none", meminfo("0", "0", "0", "0"), 0, 0},
+        {"-1 MemFree", meminfo("-1", "0", "0", "-1"), -1, -1},
+        {"-1 Cached", meminfo("0", "0", "-1"), -1, 4050944000},
         {"repeats", meminfo("1", "1", "1", "1") + meminfo("10", "20", "30", "2") + "Cached:\n", 60 << 10, 2 << 10},
         {"further in", meminfo("1", "2", "3", "1") + " MemTotal: 9\nXMemFree: 9\n\tBuffers: 9\n", 6 << 10, 1 << 10},
         {"prefixes", "MemTotaX: 5 kB\nMemFreeZ 1\nBuffers_2 2\nCachedness: 3 kB\n", 6 << 10, 5 << 10},
+        {"one character short", "MemFree 1\nBuffers 2\nCached 3\nMemTot: 5\nMemFre: 70\nBuffer: 80\nCache: 90\n",
+         6 << 10, -1},
         {"long line", "MemFree:" + std::string(300, ' ') + "1\nBuffers: 2\nCached: 3\nMemTotal: 7", 6 << 10, 7 << 10},
         {"32-bit sum", meminfo("2147483647", "1", "0"), -2147483648LL * 1024, 4050944000},
     };
@@ -69,7 +74,13 @@ TEST_F(SysInfo, LowRamDevice) {
     EXPECT_EQ(-1, getSystemTotalMemorySize());
     for (float t : {std::numeric_limits<float>::denorm_min(), 0.5f, 1e30f}) EXPECT_TRUE(isLowRamDevice(t)) << t;
 
+    // A threshold of 0 or less judges no device low-RAM, not even this one.
+    EXPECT_FALSE(isLowRamDevice(0.0f));
+    EXPECT_FALSE(isLowRamDevice(-0.5f));
+
     nodes.set(kMeminfo, meminfo("1", "1", "1"));  // about 3.77 GiB
+    EXPECT_TRUE(isLowRamDevice(4.0f));
+    nodes.set(kMeminfo, meminfo("1", "1", "1", "4194303"));  // 1 KiB short of 4 GiB is below 4
     EXPECT_TRUE(isLowRamDevice(4.0f));
     nodes.set(kMeminfo, meminfo("1", "1", "1", "4194304"));  // exactly 4 GiB is not below 4
     EXPECT_FALSE(isLowRamDevice(4.0f));
@@ -78,7 +89,11 @@ TEST_F(SysInfo, LowRamDevice) {
 }
 
 TEST_F(SysInfo, ThermalValueIsTheFirstTokenAsADecimalInt) {
-    for (auto [content, value] : {std::pair{"452\n", 452}, {"  -5 and further words\n", -5}, {"0x1A\n", 0}}) {
+    for (auto [content, value] : {std::pair{"452\n", 452},
+                                  {"  -5 and further words\n", -5},
+                                  {"0x1A\n", 0},
+                                  {"2147483647\n", 2147483647},
+                                  {"-2147483648\n", -2147483647 - 1}}) {
         nodes.set(kValueNode, content);
         EXPECT_EQ(value, getSystemThermalValue()) << '"' << content << '"';
     }
@@ -91,8 +106,10 @@ TEST_F(SysInfo, ThermalValueIsTheFirstTokenAsADecimalInt) {
         nodes.set(kValueNode, content);
         EXPECT_THROW(getSystemThermalValue(), std::invalid_argument) << '"' << content << '"';
     }
-    nodes.set(kValueNode, "99999999999\n");
-    EXPECT_THROW(getSystemThermalValue(), std::out_of_range);
+    for (const char* content : {"2147483648\n", "-2147483649\n", "99999999999\n"}) {
+        nodes.set(kValueNode, content);
+        EXPECT_THROW(getSystemThermalValue(), std::out_of_range) << '"' << content << '"';
+    }
     EXPECT_EQ(before, openDescriptors());
 }
 
