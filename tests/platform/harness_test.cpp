@@ -39,6 +39,9 @@ const std::string kCameraPerfLock =
     "lock 1 {0x01404300, 0x00000001, 0x01404100, 0x00000001} until released (camera perf mode: enterCameraPerf)";
 
 TEST(Leftovers, EachItemHeldIsNamedUnlessDeclaredAndAResetHidesNone) {
+    property_set(qt::prop::kCameraPreferIdle, "0");
+    qt::markClean();
+    property_set(qt::prop::kCameraPreferIdle, "1");
     qt::TempDir dir;
     auto sim = qt::startPowerService();
     Ctrl* ctrl = Ctrl::createInstance();
@@ -53,7 +56,8 @@ TEST(Leftovers, EachItemHeldIsNamedUnlessDeclaredAndAResetHidesNone) {
     EXPECT_THAT(leftovers(),
                 ElementsAre(StartsWith("scenario: power service \"default\": scenario 1: enabled"),
                             "perf lock: " + kCameraPerfLock, "death recipient: 1 linked to " + kPowerService,
-                            StartsWith(stillOpen), "property: vendor.debug.file_cache.log=1 (was unset)"));
+                            StartsWith(stillOpen), "property: vendor.cam3dev.cpupreferidle=1 (was 0)",
+                            "property: vendor.debug.file_cache.log=1 (was unset)"));
 
     // Reset before the code has let go: nothing is hidden.
     qt::reset();

@@ -35,7 +35,9 @@ struct Recipient : hidl_death_recipient {
     std::atomic<int> calls{0};
     std::promise<void> entered, open;
     bool hold = false;
+    std::atomic<bool> idleInside{true};  // the runtime, asked from its own thread, knows it is not idle
     void serviceDied(uint64_t, const wp<IBase>&) override {
+        idleInside = qrnhost::hidl::waitForRuntimeIdle(std::chrono::milliseconds(0));
         if (calls++ == 0 && hold) {
             entered.set_value();
             open.get_future().wait();
@@ -121,6 +123,7 @@ TEST_F(Harness, WaitingForOneServicesNoticesIgnoresOthersQueuedLater) {
     EXPECT_TRUE(qt::waitForDeathNotices(named("late")));
     EXPECT_EQ(1, lateR->calls.load());
     EXPECT_EQ(1, blockedR->calls.load());
+    EXPECT_FALSE(earlyR->idleInside.load());
 }
 
 TEST_F(Harness, KernelNodesStandInForTheFixedPathsAndGoAway) {
@@ -168,7 +171,10 @@ TEST(Script, UnknownStepsAndUnusableOrExtraArgumentsAreReported) {
     for (const auto& [script, problem] : cases) {
         qt::writeFile(dir.file("s.txt"), script);
         const std::string diff = s.run(dir.file("s.txt"), "");
-        EXPECT_EQ(0u, diff.find(*problem ? dir.file("s.txt") + problem + "\n" : "")) << diff;
+        if (*problem)
+            EXPECT_EQ(0u, diff.find(dir.file("s.txt") + problem + "\n")) << diff;
+        else
+            EXPECT_EQ("", diff);
     }
     // Nothing runs after an unknown step, and an action given arguments it
     // takes none of does not run at all.
@@ -181,17 +187,22 @@ TEST(Transcript, DifferencesAreShownWithTheKeptFilesLinesAndCommentsCarriedOver)
     qt::TempDir dir;
     qt::Capture cap;
     qt::Transcript t(cap, nullptr);
-    for (const char* line : {"== a", "-> 1", "== b", "-> 3", "== c", "extra"}) t.note(line);
+    for (const char* line : {"== a", "-> 1", "new", "== b", "-> 3", "== c", "extra"}) t.note(line);
     const std::string golden = dir.file("g.txt"), actual = dir.file("out/a.txt");
     qt::writeFile(golden, "# setup\n== a\n-> 1\n# the second step\n== b\n-> 2\n== c\n");
-    EXPECT_EQ(golden + ":6: the transcript differs from here\n--- " + golden + "\n+++ " + actual +
-                  " (actual)\n@@ -3,5 +3,6 @@\n -> 1\n # the second step\n == b\n--> 2\n+-> 3\n == c\n+extra\n"
-                  "actual transcript: " +
+    EXPECT_EQ(golden + ":4: the transcript differs from here\n--- " + golden + "\n+++ " + actual +
+                  " (actual)\n@@ -1,7 +1,9 @@\n # setup\n == a\n -> 1\n+new\n # the second step\n == b\n--> 2\n+-> 3\n"
+                  " == c\n+extra\nactual transcript: " +
                   actual + "\n",
               t.compare(golden, actual));
-    EXPECT_EQ("# " + golden + "\n# setup\n== a\n-> 1\n# the second step\n== b\n-> 3\n== c\nextra\n",
+    // A line added before a kept line goes before the comments that lead it.
+    EXPECT_EQ("# " + golden + "\n# setup\n== a\n-> 1\nnew\n# the second step\n== b\n-> 3\n== c\nextra\n",
               qt::readFile(actual));
-    qt::writeFile(golden, "== a\n-> 1\n== b\n-> 3\n== c\nextra\n\n");
+    qt::writeFile(golden, "== a\n-> 1\nnew\n== b\n-> 3\n== c\nold\n\n");
+    EXPECT_EQ(golden + ":7: the transcript differs from here\n--- " + golden +
+                  "\n+++ the actual transcript\n@@ -4,4 +4,4 @@\n == b\n -> 3\n == c\n-old\n+extra\n",
+              t.compare(golden, ""));
+    qt::writeFile(golden, "== a\n-> 1\nnew\n== b\n-> 3\n== c\nextra\n\n");
     EXPECT_EQ("", t.compare(golden, actual));
     EXPECT_FALSE(std::filesystem::exists(actual));  // a stale actual transcript goes
 }
