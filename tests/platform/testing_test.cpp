@@ -202,7 +202,13 @@ TEST(Transcript, DifferencesAreShownWithTheKeptFilesLinesAndCommentsCarriedOver)
     EXPECT_EQ(golden + ":7: the transcript differs from here\n--- " + golden +
                   "\n+++ the actual transcript\n@@ -4,4 +4,4 @@\n == b\n -> 3\n == c\n-old\n+extra\n",
               t.compare(golden, ""));
-    qt::writeFile(golden, "== a\n-> 1\nnew\n== b\n-> 3\n== c\nextra\n\n");
+    t.restart();
+    t.note("== z");
+    qt::writeFile(golden, "== y\n");
+    EXPECT_EQ(golden + ":1: the transcript differs from here\n--- " + golden +
+                  "\n+++ the actual transcript\n@@ -1 +1 @@\n-== y\n+== z\n",
+              t.compare(golden, ""));
+    qt::writeFile(golden, "== z\n\n");
     EXPECT_EQ("", t.compare(golden, actual));
     EXPECT_FALSE(std::filesystem::exists(actual));  // a stale actual transcript goes
 }
