@@ -11,10 +11,10 @@ cross=0
 pkgs=(cmake ninja-build g++ file python3 python3-apt clang clang-tidy clang-format libclang-rt-14-dev dpkg-dev pkg-config
       libgtest-dev libgmock-dev googletest libbenchmark-dev libboost-dev valgrind nlohmann-json3-dev
       libc++-dev libc++abi-dev blueprint-tools mini-soong
-      android-libutils-dev android-liblog-dev android-libbase-dev android-libcutils-dev)
+      android-libutils-dev android-liblog-dev android-libbase-dev android-libcutils-dev libminizip-dev)
 cross_pkgs=(g++-aarch64-linux-gnu qemu-user android-libutils-dev:arm64 android-liblog-dev:arm64
             android-libbase-dev:arm64 android-libcutils-dev:arm64 libgtest-dev:arm64 libgmock-dev:arm64
-            libbenchmark-dev:arm64)
+            libbenchmark-dev:arm64 libminizip-dev:arm64)
 
 SUDO=""
 [ "$(id -u)" = 0 ] || SUDO=sudo
