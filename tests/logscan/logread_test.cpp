@@ -328,9 +328,9 @@ TEST(LogReadRecords, EveryHeaderVersionDamageAndTruncation) {
     other.tag = "ActivityManager";
     const std::string events = record(28, LOG_ID_EVENTS, kLogged[0]);
     const std::string stream = record(28, LOG_ID_MAIN, kLogged[0]) + record(24, LOG_ID_SYSTEM, kLogged[2]) +
-                               record(20, 0, kLogged[3]) + events + record(28, LOG_ID_MAIN, other) +
-                               std::string(37, '\xff') + record(28, LOG_ID_CRASH, kLogged[5]) +
-                               record(28, LOG_ID_MAIN, kLogged[6]).substr(0, 10);
+                               record(20, 0, kLogged[3]) + events + record(28, LOG_ID_SECURITY, kLogged[2]) +
+                               record(28, LOG_ID_MAIN, other) + std::string(37, '\xff') +
+                               record(28, LOG_ID_CRASH, kLogged[5]) + record(28, LOG_ID_MAIN, kLogged[6]).substr(0, 10);
     ReaderOptions options;
     options.tags = {"Cam3CPUCtrl_util", "a.rather.long.tag.name", "T", "QrnCam/CpuCtrl"};
     Reader reader(options);
@@ -367,11 +367,11 @@ TEST(LogReadRecords, EveryHeaderVersionDamageAndTruncation) {
     EXPECT_EQ(10u, all[10].count);
     const InputInfo& info = reader.inputs()[0];
     EXPECT_EQ("binary", describe(info.layout));
-    EXPECT_EQ(1u, info.ignored);
+    EXPECT_EQ(2u, info.ignored);
     EXPECT_EQ(1u, info.skipped);
     EXPECT_EQ(1u, info.unreadable);
     EXPECT_TRUE(info.truncated);
-    EXPECT_EQ(6u, info.lines);
+    EXPECT_EQ(7u, info.lines);
 }
 
 // A bug report's system log: the year from its header, turning at New
@@ -443,10 +443,11 @@ TEST(LogReadFiles, RotatedSetsChainAndCapturesMerge) {
     EXPECT_EQ(-1, rotated.inputs()[1].follows);
     EXPECT_EQ(1, rotated.inputs()[2].follows);
 
-    // Two captures of one device interleave by time; a capture in another
-    // clock is not interleaved with them, and the reader says so.
+    // Two captures of one device (one through a terminal, with "\r\n")
+    // interleave by time; a capture in another clock is not interleaved
+    // with them, and the reader says so.
     const std::string a = "11-24 10:00:00.000  100  100 I A: a1\n11-24 10:00:02.000  100  100 I A: a2\n";
-    const std::string b = "11-24 10:00:01.000  200  200 I B: b1\n11-24 10:00:03.000  200  200 I B: b2\n";
+    const std::string b = "11-24 10:00:01.000  200  200 I B: b1\r\n11-24 10:00:03.000  200  200 I B: b2\r\n";
     Reader merged;
     merged.addBytes("a", a);
     merged.addBytes("b", b);
@@ -474,23 +475,25 @@ TEST(LogReadFiles, YearFromFileTimeAndTagFilter) {
         "12-31 23:59:59.000  1047  3182  3190 D Cam3CPUCtrl_util: second line\n"
         "12-31 23:59:59.000  1000   900   901 I ActivityManager: another process\n"
         "12-31 23:59:59.000  1047  3182  3190 D Cam3CPUCtrl_util: second line\n"
-        "01-01 00:00:01.000  1047  3182  3190 I file_cache: next year\n";
+        "01-01 00:00:01.000  1047  3182  3190 I file_cache: next year\n"
+        "01-01 00:00:01.001  1047  3182  3190 I file_cache: a message of its own\n";
     ReaderOptions options;
     options.tags = sessionTags();
     Reader reader(options);
     reader.addBytes("log", log, civil(2025, 1, 2, 12));
     const std::vector<Seen> got = entries(readAll(reader));
-    ASSERT_EQ(4u, got.size());
+    ASSERT_EQ(5u, got.size());
     EXPECT_EQ(civil(2024, 12, 31, 23, 59, 59), got[0].entry.time.sec);
     EXPECT_FALSE(got[0].entry.continuation);
     EXPECT_TRUE(got[1].entry.continuation);
     EXPECT_FALSE(got[2].entry.continuation);
     EXPECT_EQ(civil(2025, 1, 1, 0, 0, 1), got[3].entry.time.sec);
+    EXPECT_FALSE(got[4].entry.continuation);
     const InputInfo& info = reader.inputs()[0];
     EXPECT_EQ(2024, info.year);
     EXPECT_EQ(YearSource::FileTime, info.yearSource);
     EXPECT_EQ(1u, info.skipped);
-    EXPECT_EQ(5u, info.lines);
+    EXPECT_EQ(6u, info.lines);
 }
 
 // What is no log, or no longer one, gets one clear item and nothing else.

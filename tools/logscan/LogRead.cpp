@@ -774,7 +774,7 @@ class RecordSource : public Source {
         RecordHeader h;
         if (!readRecordHeader(bytes(), mBuffer->size(), h)) return resync();
         if (!mBuffer->fill(h.total())) return finish();
-        readRecordHeader(bytes(), mBuffer->size(), h);
+        if (!readRecordHeader(bytes(), mBuffer->size(), h)) return resync();
         const uint64_t offset = mBuffer->offset();
         ++mRecordNo;
         ++mInfo.lines;
@@ -788,7 +788,7 @@ class RecordSource : public Source {
             static const char* const kNames[] = {"main",  "radio", "events",   "system",
                                                  "crash", "stats", "security", "kernel"};
             Item b = notice(ItemKind::BufferBegin, mRecordNo, offset);
-            b.text = h.lid < LOG_ID_MAX ? kNames[h.lid] : "unknown";
+            b.text = kNames[h.lid];
             b.count = mSeen >> h.lid & 1;
             mSeen |= 1u << h.lid;
             mLid = h.lid;
@@ -806,6 +806,11 @@ class RecordSource : public Source {
             return true;
         }
         mBuffer->consume(h.total());
+        const std::string_view tag(le.tag, strnlen(le.tag, le.tagLen));  // this liblog counts the terminator
+        if (!mCtx.keep.contains(tag)) {
+            ++mInfo.skipped;  // liblog cut the tag of a record without its terminators
+            return true;
+        }
         Item it = notice(ItemKind::Entry, mRecordNo, offset);
         Entry& e = it.entry;
         e.time = mInfo.last;
@@ -814,8 +819,11 @@ class RecordSource : public Source {
         e.pid = le.pid;
         e.tid = le.tid;
         e.uid = le.uid;
-        e.priority = le.priority;
-        e.tag = {le.tag, strnlen(le.tag, le.tagLen)};  // this liblog counts the terminator
+        // A priority byte outside liblog's enumeration is read as unknown,
+        // not through the entry's enumeration-typed field.
+        const unsigned char priority = mScratch->buf[sizeof(logger_entry)];
+        e.priority = priority <= ANDROID_LOG_SILENT ? static_cast<android_LogPriority>(priority) : ANDROID_LOG_UNKNOWN;
+        e.tag = tag;
         e.message = {le.message, le.messageLen};
         it.time = e.time;
         if (mHaveKept && e.time < mNow) {
@@ -839,17 +847,16 @@ class RecordSource : public Source {
         for (;;) {
             mBuffer->consume(1);
             ++skipped;
-            if (!mBuffer->fill(4)) break;
             RecordHeader h;
-            if (!readRecordHeader(bytes(), mBuffer->size(), h)) continue;
-            if (!mBuffer->fill(h.total() + 4)) {
-                if (mBuffer->size() == h.total() && plausibleRecord(bytes(), h)) break;
-                continue;
-            }
+            if (!mBuffer->fill(4)) break;
+            if (!readRecordHeader(bytes(), mBuffer->size(), h) || !mBuffer->fill(h.total())) continue;
+            if (!readRecordHeader(bytes(), mBuffer->size(), h) || !plausibleRecord(bytes(), h)) continue;
+            if (!mBuffer->fill(h.total() + 4)) break;  // the last record, maybe with a cut one after it
             RecordHeader next;
-            const unsigned char* after = bytes() + h.total();
-            if (!plausibleRecord(bytes(), h) || !readRecordHeader(after, 4, next)) continue;
-            if (!mBuffer->fill(h.total() + next.total()) || plausibleRecord(after, next)) break;
+            if (!readRecordHeader(bytes() + h.total(), mBuffer->size() - h.total(), next)) continue;
+            if (!mBuffer->fill(h.total() + next.total())) break;
+            readRecordHeader(bytes() + h.total(), mBuffer->size() - h.total(), next);
+            if (plausibleRecord(bytes() + h.total(), next)) break;
         }
         if (mBuffer->size() < 4) skipped += mBuffer->size();
         unreadable(start, skipped);

@@ -34,11 +34,11 @@ bool readRecordHeader(const unsigned char* p, size_t avail, RecordHeader& h) {
     }
     h.lid = avail >= 24 && size >= 24 ? u32(p + 20) : 0;
     h.uid = avail >= 28 && size >= 28 ? static_cast<int32_t>(u32(p + 24)) : -1;
-    return true;
+    return h.lid < LOG_ID_MAX;
 }
 
 bool plausibleRecord(const unsigned char* p, const RecordHeader& h) {
-    if (h.pid < 0 || h.nsec >= 1000000000u || h.lid >= LOG_ID_MAX) return false;
+    if (h.pid < 0 || h.nsec >= 1000000000u) return false;
     if (binaryBuffer(h.lid)) return true;
     const unsigned char* payload = p + h.size;
     if (payload[0] > ANDROID_LOG_SILENT) return false;

@@ -23,10 +23,11 @@ struct RecordHeader {
 };
 
 // Reads the header at p (avail bytes, at least 4). Returns false when the
-// bytes cannot begin a record logd writes: an unknown header size, or a
+// bytes cannot begin a record logd writes: an unknown header size, a
 // payload too short for a priority and two terminators or longer than logd
-// sends. avail may end before the header does (total() tells what is
-// needed); the fields beyond avail are then left as they are.
+// sends, or (when avail covers it) an unknown log id. avail may end before
+// the header does (total() tells what is needed); the fields beyond avail
+// are then left as they are.
 bool readRecordHeader(const unsigned char* p, size_t avail, RecordHeader& h);
 
 // Whether a whole record at p looks like one logd wrote for a text buffer

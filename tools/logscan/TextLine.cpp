@@ -84,7 +84,7 @@ size_t readTime(std::string_view s, PrintedTime& t, std::string_view& text) {
         while (i < n && s[i] == ' ') ++i;
         start = i;
         int64_t v = 0;
-        while (i < n && isDigit(s[i]) && i - start < 19) v = v * 10 + (s[i++] - '0');
+        while (i < n && isDigit(s[i]) && i - start < 18) v = v * 10 + (s[i++] - '0');  // within int64_t
         if (i == start) return 0;
         t.seconds = v;
         // logcat right-aligns epoch seconds in 19 columns, monotonic ones in 6.
@@ -264,7 +264,7 @@ bool TagSet::contains(std::string_view tag) const {
 std::string_view stripColor(std::string_view line, bool trailing) {
     if (line.size() >= 3 && line[0] == '\x1b' && line[1] == '[') {
         const size_t m = line.find('m', 2);
-        if (m != std::string_view::npos && m < 16) {
+        if (m < 16) {  // npos is larger
             line.remove_prefix(m + 1);
             trailing = true;
         }
