@@ -107,8 +107,8 @@ const std::vector<Logged> kLogged = {
     {kEve, 266123456, ANDROID_LOG_DEBUG, 1047, 3182, 3190, "Cam3CPUCtrl_util", "[init] +"},
     {kEve, 266123456, ANDROID_LOG_DEBUG, 1047, 3182, 3190, "Cam3CPUCtrl_util", "[init] +"},
     {kEve, 500000000, ANDROID_LOG_INFO, -1, 1234567, 12345678, "a.rather.long.tag.name", "wide ids"},
-    {kEve, 999999999, ANDROID_LOG_WARN, 0, 42, 42, "T", "first\nsecond\n\nfourth"},
-    {kEve + 1, 7000, ANDROID_LOG_ERROR, 1000, 500, 501, "my tag", "caf\xc3\xa9 \xff\xfe C:\\dir\\x41 \"q\"\ttab"},
+    {kEve, 999999999, ANDROID_LOG_WARN, 0, 42, 42, "T", "first\nsecond\n\nfourth C:\\dir"},
+    {kEve + 1, 7000, ANDROID_LOG_ERROR, 1000, 500, 501, "my: tag", "caf\xc3\xa9 \xff\xfe C:\\x41 \x01 \"q\"\ttab  (x)"},
     {kEve + 1, 250000000, ANDROID_LOG_FATAL, 1000, 1, 1, "QrnCam/CpuCtrl", ""},
     {kEve + 2, 0, ANDROID_LOG_VERBOSE, 2000, 7, 8, "ThermalInfo", "ends with a newline\n"},
 };
@@ -286,7 +286,8 @@ std::string record(uint16_t header, uint32_t lid, const Logged& l) {
 }  // namespace
 
 // Every format logcat prints a pid in, with every combination of the
-// modifiers, as liblog's formatter writes it, read back to what was logged.
+// modifiers, as liblog's formatter writes it, read back to what was logged,
+// whole and keeping two tags (the thread format prints none: all of it).
 TEST(LogReadFormats, EveryFormatAndModifierReadsBack) {
     const TimeZone zone("IST-5:30");
     ReaderOptions options;
@@ -312,6 +313,18 @@ TEST(LogReadFormats, EveryFormatAndModifierReadsBack) {
                     for (size_t i = 0; i < want.size(); ++i) {
                         ASSERT_EQ(show(want[i]), show(got[i])) << "line " << i;
                     }
+                    ReaderOptions two = options;
+                    two.tags = {"Cam3CPUCtrl_util", "my: tag"};
+                    Reader kept(two);
+                    kept.addBytes("log", logcat(c.words(), kLogged));
+                    const std::vector<Seen> gotKept = entries(readAll(kept));
+                    std::vector<std::string> wantKept;
+                    for (const Seen& e : want) {
+                        if (c.verb == "thread" || e.tag == two.tags[0] || e.tag == two.tags[1])
+                            wantKept.push_back(show(e));
+                    }
+                    ASSERT_EQ(wantKept.size(), gotKept.size());
+                    for (size_t i = 0; i < wantKept.size(); ++i) EXPECT_EQ(wantKept[i], show(gotKept[i]));
                     ++combos;
                 }
             }
@@ -476,24 +489,26 @@ TEST(LogReadFiles, YearFromFileTimeAndTagFilter) {
         "12-31 23:59:59.000  1000   900   901 I ActivityManager: another process\n"
         "12-31 23:59:59.000  1047  3182  3190 D Cam3CPUCtrl_util: second line\n"
         "01-01 00:00:01.000  1047  3182  3190 I file_cache: next year\n"
-        "01-01 00:00:01.001  1047  3182  3190 I file_cache: a message of its own\n";
+        "01-01 00:00:01.001  1047  3182  3190 I file_cache: a message of its own\n"
+        "02-28 12:00:00.000  1047  3182  3190 I file_cache: February\n";
     ReaderOptions options;
     options.tags = sessionTags();
     Reader reader(options);
-    reader.addBytes("log", log, civil(2025, 1, 2, 12));
+    reader.addBytes("log", log, civil(2025, 3, 2, 12));
     const std::vector<Seen> got = entries(readAll(reader));
-    ASSERT_EQ(5u, got.size());
+    ASSERT_EQ(6u, got.size());
     EXPECT_EQ(civil(2024, 12, 31, 23, 59, 59), got[0].entry.time.sec);
     EXPECT_FALSE(got[0].entry.continuation);
     EXPECT_TRUE(got[1].entry.continuation);
     EXPECT_FALSE(got[2].entry.continuation);
     EXPECT_EQ(civil(2025, 1, 1, 0, 0, 1), got[3].entry.time.sec);
     EXPECT_FALSE(got[4].entry.continuation);
+    EXPECT_EQ(civil(2025, 2, 28, 12), got[5].entry.time.sec);
     const InputInfo& info = reader.inputs()[0];
     EXPECT_EQ(2024, info.year);
     EXPECT_EQ(YearSource::FileTime, info.yearSource);
     EXPECT_EQ(1u, info.skipped);
-    EXPECT_EQ(6u, info.lines);
+    EXPECT_EQ(7u, info.lines);
 }
 
 // What is no log, or no longer one, gets one clear item and nothing else.

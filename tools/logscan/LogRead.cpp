@@ -410,10 +410,20 @@ class Source {
   public:
     Source(InputInfo& info, uint32_t index) : mInfo(info), mIndex(index) {}
     virtual ~Source() = default;
-    virtual bool next(Item& item) = 0;
+    bool next(Item& item) {
+        while (mPending.empty() && step()) {
+        }
+        if (mPending.empty()) return false;
+        item = mPending.front();
+        mPending.pop_front();
+        return true;
+    }
     Timestamp firstTime() const { return mInfo.first; }
 
   protected:
+    // Reads on until it has pended an item or the input ends; false at the end.
+    virtual bool step() = 0;
+
     Item notice(ItemKind kind, uint64_t position, uint64_t offset) const {
         Item it;
         it.kind = kind;
@@ -443,15 +453,6 @@ class TextSource : public Source {
         if (!mInfo.bugReport) mInfo.first = firstLineTime(mLines.window());
     }
 
-    bool next(Item& item) override {
-        while (mPending.empty() && step()) {
-        }
-        if (mPending.empty()) return false;
-        item = mPending.front();
-        mPending.pop_front();
-        return true;
-    }
-
   private:
     enum class Section { Before, In, After };
 
@@ -474,8 +475,7 @@ class TextSource : public Source {
         return t;
     }
 
-    // Reads one line; false at the end of the input.
-    bool step() {
+    bool step() override {
         LineReader::Line line;
         const bool held = mHeld;
         if (held) {
@@ -548,7 +548,9 @@ class TextSource : public Source {
             --mBlankDebt;
             mHeld = true;
             mHeldLine = line;
-            entry(mHeader, std::string_view(), line, !mFirstLine, mBlankPosition++);
+            LineReader::Line blank;
+            blank.offset = line.offset;  // near enough: blank lines are not kept
+            entry(mHeader, std::string_view(), blank, !mFirstLine, mBlankPosition++);
             mFirstLine = false;
             return true;
         }
@@ -757,19 +759,10 @@ class RecordSource : public Source {
         mNow = mInfo.first;
     }
 
-    bool next(Item& item) override {
-        while (mPending.empty() && step()) {
-        }
-        if (mPending.empty()) return false;
-        item = mPending.front();
-        mPending.pop_front();
-        return true;
-    }
-
   private:
     const unsigned char* bytes() const { return reinterpret_cast<const unsigned char*>(mBuffer->data()); }
 
-    bool step() {
+    bool step() override {
         if (!mBuffer->fill(4)) return finish();
         RecordHeader h;
         if (!readRecordHeader(bytes(), mBuffer->size(), h)) return resync();
@@ -1000,7 +993,8 @@ struct Reader::State {
         std::string bytes;
         int64_t mtime = 0;
         bool memory = false;
-        std::unique_ptr<Source> source;
+        bool opened = false;
+        std::unique_ptr<Source> source;  // while it is read
     };
     std::vector<Input> inputs;
     std::vector<InputInfo> infos;
@@ -1032,6 +1026,7 @@ struct Reader::State {
 
 void Reader::State::openInput(uint32_t index) {
     Input& in = inputs[index];
+    in.opened = true;
     InputInfo& info = infos[index];
     std::unique_ptr<ByteSource> bytes;
     int64_t mtime = in.mtime;
@@ -1148,12 +1143,14 @@ void Reader::State::open() {
                          [&](uint32_t a, uint32_t b) { return keys[a].second > keys[b].second; });
         for (size_t k = 1; k < c.inputs.size(); ++k) infos[c.inputs[k]].follows = static_cast<int32_t>(c.inputs[k - 1]);
     }
-    for (uint32_t i = 0; i < inputs.size(); ++i) openInput(i);
-    // Captures are merged by time only when they tell the same clock.
+    // Captures are merged by time only when they tell the same clock. The
+    // later files of a rotated set are opened when their turn comes, so that
+    // only one buffer per capture is held.
     Clock seen = Clock::None;
     bool first = true;
     for (const Chain& c : chains) {
         for (uint32_t i : c.inputs) {
+            openInput(i);
             if (inputs[i].source == nullptr) continue;
             const Clock clock = infos[i].bugReport ? Clock::Local : clockOf(infos[i].layout);
             if (!first && clock != seen) interleave = false;
@@ -1180,6 +1177,7 @@ bool Reader::State::advance(Chain& chain) {
         if (chain.current >= chain.inputs.size()) return false;
         const uint32_t i = chain.inputs[chain.current];
         InputInfo& info = infos[i];
+        if (!inputs[i].opened) openInput(i);
         Source* source = inputs[i].source.get();
         Item it;
         it.input = i;
@@ -1219,6 +1217,7 @@ bool Reader::State::advance(Chain& chain) {
         it.time = info.last;
         it.count = info.lines;
         chain.queue.push_back(it);
+        inputs[i].source.reset();  // nothing handed out points into it any more
         chain.lastReadable = static_cast<int32_t>(i);
         chain.begun = false;
         ++chain.current;
@@ -1234,14 +1233,14 @@ Reader::Reader(ReaderOptions options) : mState(std::make_unique<State>(std::move
 Reader::~Reader() = default;
 
 void Reader::addPath(const std::string& path) {
-    mState->inputs.push_back({path, {}, 0, false, nullptr});
+    mState->inputs.push_back({path, {}, 0, false, false, nullptr});
     InputInfo info;
     info.name = path;
     mState->infos.push_back(info);
 }
 
 void Reader::addBytes(const std::string& name, std::string bytes, int64_t mtime) {
-    mState->inputs.push_back({name, std::move(bytes), mtime, true, nullptr});
+    mState->inputs.push_back({name, std::move(bytes), mtime, true, false, nullptr});
     InputInfo info;
     info.name = name;
     mState->infos.push_back(info);
