@@ -511,6 +511,23 @@ TEST(LogReadFiles, YearFromFileTimeAndTagFilter) {
     EXPECT_EQ(7u, info.lines);
 }
 
+// Whether text was written with -v printable shows in its messages: the
+// escapes it writes, against raw control bytes and lone backslashes that
+// it never leaves.
+TEST(LogReadFiles, PrintableToldFromTheMessages) {
+    const std::string prefix = "11-24 10:00:00.000   100   101 I A: ";
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"C:\\\\dir \\x41", "C:\\dir A"},    // printable's doubled backslash
+        {"C:\\dir \\x41", "C:\\dir \\x41"},  // a lone one
+        {"C:\\x41 \x01", "C:\\x41 \x01"},    // a raw control byte
+    };
+    for (const auto& [printed, logged] : cases) {
+        const std::vector<Seen> got = entries(readBytes(prefix + printed + "\n"));
+        ASSERT_EQ(1u, got.size());
+        EXPECT_EQ(logged, got[0].message);
+    }
+}
+
 // What is no log, or no longer one, gets one clear item and nothing else.
 TEST(LogReadBadInput, NoLogAtAll) {
     const TempDir dir;
