@@ -108,7 +108,7 @@ struct CaptureHooks {
 
 namespace {
 
-void Dispatcher::logNormal(uint32_t moduleId, const char* tag, int32_t level, const char* text, int64_t length) {
+Record ulogRecord(uint32_t moduleId, const char* tag, int32_t level, const char* text, int64_t length) {
     Record r;
     r.sink = Sink::ULog;
     r.module = moduleId;
@@ -118,7 +118,12 @@ void Dispatcher::logNormal(uint32_t moduleId, const char* tag, int32_t level, co
     r.held = text ? strlen(text) : 0;
     r.length = length;
     r.tid = tid();
-    if (!CaptureHooks::dispatch(r)) NSCam::Utils::ULog::defaultLogger()->logNormal(moduleId, tag, level, text, length);
+    return r;
+}
+
+void Dispatcher::logNormal(uint32_t moduleId, const char* tag, int32_t level, const char* text, int64_t length) {
+    if (!CaptureHooks::dispatch(ulogRecord(moduleId, tag, level, text, length)))
+        NSCam::Utils::ULog::defaultLogger()->logNormal(moduleId, tag, level, text, length);
 }
 
 const int gForkHandlers =
@@ -200,16 +205,7 @@ Capture::~Capture() {
 }
 
 void Capture::logNormal(uint32_t moduleId, const char* tag, int32_t level, const char* text, int64_t length) {
-    Record r;
-    r.sink = Sink::ULog;
-    r.module = moduleId;
-    r.level = level;
-    r.tag = tag ? tag : "";
-    r.text = text ? text : "";
-    r.held = text ? strlen(text) : 0;
-    r.length = length;
-    r.tid = tid();
-    add(std::move(r));
+    add(ulogRecord(moduleId, tag, level, text, length));
 }
 
 void Capture::add(Record r) {
