@@ -208,7 +208,8 @@ std::string toJson(const Session& s, int indent) {
                                  {"end_ns", time(sec.end)}});
     j["marks"] = json::array();
     for (const Mark& m : s.marks)
-        j["marks"].push_back({{"ns", m.ns}, {"pid", m.pid}, {"what", m.what}, {"detail", m.detail}});
+        j["marks"].push_back(
+            {{"ns", m.ns}, {"pid", m.pid}, {"what", m.what}, {"detail", m.detail}, {"calls_before", m.callsBefore}});
     j["coverage"] = {{"inputs", s.coverage.inputs},
                      {"tag_levels", s.coverage.tagLevels},
                      {"gaps", s.coverage.gaps},
@@ -329,7 +330,8 @@ bool fromJson(const std::string& text, Session& out, std::string* error) {
         for (const json& sec : j.at("sections"))
             s.sections.push_back(
                 {sec.at("pid"), sec.at("tid"), sec.at("name"), sec.at("begin_ns"), timeFrom(sec, "end_ns")});
-        for (const json& m : j.at("marks")) s.marks.push_back({m.at("ns"), m.at("pid"), m.at("what"), m.at("detail")});
+        for (const json& m : j.at("marks"))
+            s.marks.push_back({m.at("ns"), m.at("pid"), m.at("what"), m.at("detail"), m.at("calls_before")});
         const json& cov = j.at("coverage");
         s.coverage.inputs = cov.at("inputs").get<std::vector<std::string>>();
         s.coverage.tagLevels = cov.at("tag_levels").get<std::map<std::string, std::string>>();

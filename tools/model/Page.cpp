@@ -136,11 +136,12 @@ std::string pageData(const Session& s, const std::string& title, const std::vect
                                {"title", base + ": " + mib(static_cast<double>(f.bytes)) + " in " + ms(took)},
                                {"left", false}});
         }
-        std::string state = f.verified   ? (*f.verified ? "verified" : "FAILED: " + f.problem)
-                            : f.ok       ? (*f.ok ? "written" : "write FAILED")
-                            : f.end      ? "written"
-                            : fc.dropped ? "never written"
-                                         : "cache never dropped";
+        std::string state = f.verified                ? (*f.verified ? "verified" : "FAILED: " + f.problem)
+                            : f.ok                    ? (*f.ok ? "written" : "write FAILED")
+                            : f.end && f.end->known() ? "written"
+                            : f.end                   ? "not in the log"
+                            : fc.dropped              ? "never written"
+                                                      : "cache never dropped";
         files.push_back({{"path", fc.path},
                          {"blocks", fc.blocks},
                          {"bytes", fc.bytes},

@@ -241,9 +241,13 @@ void deriveScenarios(Session& s) {
     for (const Mark& m : s.marks)
         if (m.what == "service died") deaths.push_back(&m);
     size_t nextDeath = 0;
-    auto bury = [&](Nanos before) {
-        for (; nextDeath < deaths.size() && deaths[nextDeath]->ns <= before; ++nextDeath) {
-            const Mark& m = *deaths[nextDeath];
+    // A death comes before the call it precedes in the source's order, or by
+    // time where no order is given.
+    auto bury = [&](size_t call, Nanos before) {
+        for (; nextDeath < deaths.size(); ++nextDeath) {
+            const Mark& d = *deaths[nextDeath];
+            if (d.callsBefore >= 0 ? static_cast<size_t>(d.callsBefore) > call : d.ns > before) break;
+            const Mark& m = d;
             for (auto it = open.begin(); it != open.end();) {
                 if (it->first.first != m.pid) {
                     ++it;
@@ -258,11 +262,27 @@ void deriveScenarios(Session& s) {
             }
         }
     };
+    // Scenarios whose state a call with an unknown handle may have changed:
+    // the span open then may have ended, the scenario may be unregistered.
+    std::map<size_t, bool> maybeUnregistered;  // scenario: true
+    std::map<size_t, size_t> maybeEnded;       // scenario: its span that may have ended
     for (size_t i = 0; i < s.powerCalls.size(); ++i) {
         const PowerCall& c = s.powerCalls[i];
-        if (c.at.known()) bury(c.at.ns);
+        bury(i, c.at.known() ? c.at.ns : std::numeric_limits<Nanos>::min());
         if (c.transportFailed) continue;
         if (c.op == PowerOp::QuerySystemInfo) continue;
+        if (c.op != PowerOp::RegisterScenario && !c.argKnown(0)) {
+            if (c.op == PowerOp::ConfigScenario) continue;
+            for (const auto& [key, index] : open) {
+                if (key.first != c.pid) continue;
+                Scenario& sc = s.scenarios[index];
+                if (c.controller != 0 && sc.controller != 0 && sc.controller != c.controller) continue;
+                if (!sc.enabled.empty() && sc.enabled.back().endedBy == SpanEnd::StillEnabled)
+                    maybeEnded[index] = sc.enabled.size() - 1;
+                if (c.op == PowerOp::UnregisterScenario) maybeUnregistered[index] = true;
+            }
+            continue;
+        }
         if (c.op == PowerOp::RegisterScenario) {
             if (!c.result) continue;
             Scenario sc;
@@ -289,6 +309,7 @@ void deriveScenarios(Session& s) {
         if (it == open.end()) continue;  // a handle the service never gave (or -1)
         Scenario& sc = s.scenarios[it->second];
         sc.calls.push_back(i);
+        maybeUnregistered.erase(it->second);  // it was still there
         const bool spanOpen = !sc.enabled.empty() && sc.enabled.back().endedBy == SpanEnd::StillEnabled;
         switch (c.op) {
             case PowerOp::EnableScenario: {
@@ -311,7 +332,15 @@ void deriveScenarios(Session& s) {
             default: break;
         }
     }
-    bury(std::numeric_limits<Nanos>::max());
+    bury(s.powerCalls.size(), std::numeric_limits<Nanos>::max());
+    for (const auto& [index, span] : maybeEnded) {
+        EnabledSpan& e = s.scenarios[index].enabled[span];
+        if (e.endedBy == SpanEnd::StillEnabled) e.end = {kNoTime, Evidence::Unknown}, e.endedBy = SpanEnd::Unknown;
+    }
+    for (const auto& [index, yes] : maybeUnregistered) {
+        Scenario& sc = s.scenarios[index];
+        if (yes && sc.leftRegistered()) sc.unregistered = Stamp{kNoTime, Evidence::Unknown};
+    }
     // What is still open at the end of its process (or of the source).
     for (Scenario& sc : s.scenarios) {
         if (sc.enabled.empty() || sc.enabled.back().endedBy != SpanEnd::StillEnabled) continue;

@@ -272,6 +272,9 @@ struct Mark {
     // held ends there), ...
     std::string what;
     std::string detail;
+    // How many of the session's power calls came before it, where the
+    // source gives that order (times of equal value cannot).
+    int64_t callsBefore = -1;
 };
 
 // What a device log covered (empty for a host session).

@@ -369,7 +369,7 @@ struct Builder {
                 }
             }
         } else if (kind == "mark") {
-            s.marks.push_back({ns, pid, r.at("what"), r.at("detail")});
+            s.marks.push_back({ns, pid, r.at("what"), r.at("detail"), static_cast<int64_t>(s.powerCalls.size())});
         } else if (kind == "fact") {
             if (facts != nullptr) facts->push_back(r.at("text"));
         } else if (kind == "done") {
