@@ -539,6 +539,9 @@ TEST(LogReadBadInput, NoLogAtAll) {
     writeFile(dir.file("binary"), elf);
     writeFile(dir.file("prose"), "Dear reader,\nthis is no log.\n\nRegards\n");
     writeFile(dir.file("photos.zip"), "PK\x03\x04" + std::string(60, '\0'));
+    std::string damaged = readFile(kData + "/bugreport.zip");
+    damaged.replace(500, 10, 10, '\xff');  // inside the bug report's deflated bytes
+    writeFile(dir.file("damaged.zip"), damaged);
     const std::string noSystemLog = "========\n== dumpstate: 2025-01-02 09:15:31\n========\n------ UPTIME ------\n";
     const std::vector<std::pair<std::string, std::string>> cases = {
         {"missing", "cannot open: No such file or directory"},
@@ -546,6 +549,7 @@ TEST(LogReadBadInput, NoLogAtAll) {
         {"binary", "binary data, neither logcat -B records nor a bug report"},
         {"prose", "no line of logcat text in any format"},
         {"photos.zip", "a damaged zip"},
+        {"damaged.zip", "the zip member is damaged"},
     };
     for (const auto& [name, why] : cases) {
         SCOPED_TRACE(name);

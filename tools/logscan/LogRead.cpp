@@ -433,6 +433,13 @@ class Source {
         it.time = mNow;
         return it;
     }
+    // What stopped the input, said once in its info and once in the stream.
+    void stopped(ItemKind kind, std::string why, uint64_t position, uint64_t offset) {
+        mInfo.error = std::move(why);
+        Item it = notice(kind, position, offset);
+        it.text = mInfo.error;
+        mPending.push_back(it);
+    }
     void example(uint64_t position, uint64_t offset, std::string_view text, size_t max) {
         if (mInfo.examples.size() < max) mInfo.examples.push_back({position, offset, showBytes(text)});
     }
@@ -696,16 +703,10 @@ class TextSource : public Source {
             for (size_t k = 1; k < mBlanks; ++k) entry(mHeader, std::string_view(), end, true, mLineNo - mBlanks + k);
         }
         if (mInfo.bugReport && mSection == Section::Before) {
-            mInfo.error = "a bug report without its SYSTEM LOG section";
-            Item it = notice(ItemKind::InputError, 0, 0);
-            it.text = mInfo.error;
-            mPending.push_back(it);
+            stopped(ItemKind::InputError, "a bug report without its SYSTEM LOG section", 0, 0);
         }
         if (!mBuffer->error().empty()) {
-            mInfo.error = "reading stopped: " + mBuffer->error();
-            Item it = notice(ItemKind::Notice, mLineNo, mBuffer->offset());
-            it.text = mInfo.error;
-            mPending.push_back(it);
+            stopped(ItemKind::Notice, "reading stopped: " + mBuffer->error(), mLineNo, mBuffer->offset());
         }
         if (mLastPrinted.style != TimeStyle::None) mInfo.last = toTimestamp(mLastPrinted, mYears);
         if (mInfo.year == 0 && mInfo.layout.time == TimeStyle::Date) mInfo.year = mYears.firstYear();
@@ -878,10 +879,7 @@ class RecordSource : public Source {
             mPending.push_back(it);
         }
         if (!mBuffer->error().empty()) {
-            mInfo.error = "reading stopped: " + mBuffer->error();
-            Item it = notice(ItemKind::Notice, mRecordNo, mBuffer->offset());
-            it.text = mInfo.error;
-            mPending.push_back(it);
+            stopped(ItemKind::Notice, "reading stopped: " + mBuffer->error(), mRecordNo, mBuffer->offset());
         }
         return !mPending.empty();
     }
