@@ -17,11 +17,13 @@
 //         if (item.kind == qrnlog::ItemKind::Entry) use(item.entry);
 //     }
 //
-// The reader streams: it holds one buffer per input (about a megabyte) and
-// the few things it reports, whatever the size of the inputs. Lines of tags
-// it does not keep are skipped once their tag is known, without the rest of
-// their prefix being converted. Every string_view of an Item stays valid
-// until the next call of next().
+// The reader streams: it holds a buffer of about a megabyte for each capture
+// (for a rotated set, the file being read) and the few things it reports,
+// whatever the size of the inputs. Lines of tags it does not keep are
+// skipped once their tag is known, without the rest of their prefix being
+// converted. Every string_view of an Item stays valid until the next call of
+// next(). A bug report's year, layout and first time are known only once its
+// system log is reached, after its InputBegin.
 //
 // What each input is, is found from its own first bytes: a zip (a bug
 // report's), a bug report's text (its "== dumpstate:" header; only its
@@ -200,7 +202,8 @@ class Reader {
     // The next item in time order; false when every input is read.
     bool next(Item& item);
 
-    // One per input, in the order added; complete once next() returned false.
+    // One per input, in the order added; an input's is complete once its
+    // InputEnd (or InputError) was handed out.
     const std::vector<InputInfo>& inputs() const;
 
   private:
