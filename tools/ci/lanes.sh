@@ -125,6 +125,14 @@ lane_report() {
   python3 tests/session/check_speedscope.py build/default/bin/qrncam_session "$speedscope"
 }
 
+# The device-log reader against host sessions: the round trip alone, with
+# what it matched.
+lane_roundtrip() {
+  cmake --preset default >/dev/null
+  cmake --build --preset default -j"$jobs"
+  ctest --preset default -L roundtrip --verbose | grep -E '^[0-9]+: (ok|FAIL|[0-9]+ round trips)|tests passed|Failed'
+}
+
 lane_fuzz() { QRNCAM_FUZZ_BUILD_DIR="$root/build/fuzz" tools/ci/fuzz.sh "${QRNCAM_FUZZ_SECONDS:-60}"; }
 
 for lane in "$@"; do

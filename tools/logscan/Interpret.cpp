@@ -128,18 +128,6 @@ struct Proc {
     std::map<std::string, std::vector<size_t>> openCaches;  // path: caches not yet dropped
     std::deque<size_t> queued;                              // caches dropped, their flush not yet begun
     std::map<std::string, std::set<char>> levels;           // the library's tags seen, with their levels
-    // The budget: changes in order, and the values the log states.
-    struct Change {
-        Nanos ns;
-        int64_t delta;
-    };
-    std::vector<Change> changes;
-    struct Anchor {
-        Nanos ns;
-        size_t after;  // changes applied before it
-        int64_t low, high;
-    };
-    std::vector<Anchor> anchors;
     bool firstLineSeen = false;
     bool startsWithCreate = false;
     bool ended = false;
@@ -884,10 +872,6 @@ struct Interpreter::State {
         return open.back();
     }
 
-    void change(Proc& p, Nanos t, int64_t delta) { p.changes.push_back({t, delta}); }
-
-    void anchor(Proc& p, Nanos t, int64_t low, int64_t high) { p.anchors.push_back({t, p.changes.size(), low, high}); }
-
     void fileLine(Proc& p, int tid, char level, const std::string& text, Nanos t) {
         ThreadState& th = p.threads[tid];
         const Stamp seen{t, Evidence::Seen};
@@ -909,21 +893,24 @@ struct Interpreter::State {
             qs::FileCache& fc = p.s.caches[cacheNamed(p, path, t, true)];
             ++fc.blocks;
             fc.bytes += static_cast<uint64_t>(n);
-            change(p, t, n);
         } else if (sscanf(rest.c_str(), "Storage size exceed %uMB/%uMB", &used, &limit) == 2) {
             qs::FileCache& fc = p.s.caches[cacheNamed(p, path, t, true)];
             fc.refused.push_back({seen, tid, 0});  // the block's size is not logged
-            // The budget held at least this many whole MB, and less than the
-            // next; the limit is given to the MB as well.
-            anchor(p, t, int64_t{used} << 20, (int64_t{used} + 1) << 20);
+            // The limit to the MB: the budget's own value is given in whole
+            // MB only, so it is not drawn from these lines.
             if (p.s.budgetLimit < 0) p.s.budgetLimit = int64_t{limit} << 20;
         } else if (rest == "Dealloc of FileCache") {
             const size_t c = cacheNamed(p, path, t, true);
-            p.s.caches[c].dropped = seen;
-            p.s.caches[c].flush.end.reset();  // to be seen in its flush's lines
+            qs::FileCache& fc = p.s.caches[c];
+            fc.dropped = seen;
             auto& open = p.openCaches[path];
             open.erase(std::find(open.begin(), open.end(), c));
-            p.queued.push_back(c);
+            if (fc.flush.end && fc.flush.end->known()) {
+                fc.flush.queued = seen;  // written already: its flush came first
+            } else {
+                fc.flush.end.reset();  // to be seen in its flush's lines
+                p.queued.push_back(c);
+            }
         } else if (sscanf(rest.c_str(), "write %d bytes to file (%d/%d)", &n, &i, &count) == 3) {
             // The text before shows the block's bytes, not the file's name:
             // the flush is the next one queued, as the worker runs them in
@@ -932,23 +919,24 @@ struct Interpreter::State {
             th.flush->bytes += static_cast<uint64_t>(n);
         } else if (sscanf(rest.c_str(), "free %d bytes (%d/%d)", &n, &i, &count) == 3) {
             if (!th.flush) startFlush(p, th, tid, t);
-            change(p, t, -static_cast<int64_t>(n));
         } else if (rest.rfind("write done, (remain = ", 0) == 0 && SCAN1(rest, "write done, (remain = %d KB)", &n)) {
             if (!th.flush) startFlush(p, th, tid, t);
-            anchor(p, t, int64_t{n} << 10, (int64_t{n} + 1) << 10);
+            // The budget as the flush left it, to the KB: the one value of
+            // it the log states (charges and credits of other threads come
+            // in any order around these lines).
+            p.s.budget.push_back({t, static_cast<uint64_t>(n) << 10, Evidence::Seen});
             endFlush(p, th, path, t);
         } else if (level == 'E' && (rest.rfind("write error!!!", 0) == 0)) {
             if (th.flush) th.flush->ok = false;
         }
     }
 
+    // The worker writes each flush from its first "write ... to file" line
+    // to "write done"; which cache it was is known only from that last
+    // line's name (the others show the blocks' bytes).
     void startFlush(Proc& p, ThreadState& th, int tid, Nanos t) {
         CacheFlush f;
         f.begin = t;
-        if (!p.queued.empty()) {
-            f.cache = p.queued.front();
-            p.queued.pop_front();
-        }
         th.flush = f;
         p.s.nameThread(p.pid, tid, "FileCache worker");
     }
@@ -956,21 +944,24 @@ struct Interpreter::State {
     void endFlush(Proc& p, ThreadState& th, const std::string& path, Nanos t) {
         CacheFlush f = *th.flush;
         th.flush.reset();
-        if (f.cache == SIZE_MAX || p.s.caches[f.cache].path != path) {
-            // Not the cache the queue's order points at (lines missing): the
-            // one its name and the queue agree on, if any.
-            auto it =
-                std::find_if(p.queued.begin(), p.queued.end(), [&](size_t c) { return p.s.caches[c].path == path; });
-            if (it != p.queued.end()) {
-                f.cache = *it;
-                p.queued.erase(it);
-            } else {
-                qs::FileCache fc;
-                fc.pid = p.pid;
-                fc.path = path;
-                p.s.caches.push_back(fc);
-                f.cache = p.s.caches.size() - 1;
-            }
+        // The first cache of that name dropped and not yet written: the
+        // worker takes them in the order they were dropped. Its "Dealloc"
+        // line may come after the flush itself (it is logged once the job is
+        // queued), so a cache of that name still open is the one.
+        auto it = std::find_if(p.queued.begin(), p.queued.end(), [&](size_t c) { return p.s.caches[c].path == path; });
+        if (it != p.queued.end()) {
+            f.cache = *it;
+            p.queued.erase(it);
+        } else if (!p.openCaches[path].empty()) {
+            f.cache = p.openCaches[path].front();
+        } else {
+            qs::FileCache fc;  // opened before the log began, or while its log was off
+            fc.pid = p.pid;
+            fc.path = path;
+            fc.opened = Stamp{qs::kNoTime, Evidence::Unknown};
+            fc.dropped = Stamp{qs::kNoTime, Evidence::Unknown};
+            p.s.caches.push_back(fc);
+            f.cache = p.s.caches.size() - 1;
         }
         qs::Flush& flush = p.s.caches[f.cache].flush;
         flush.begin = Stamp{f.begin, Evidence::Seen};
@@ -978,33 +969,6 @@ struct Interpreter::State {
         flush.bytes = f.bytes;
         flush.ok = f.ok;
         if (p.s.caches[f.cache].dropped) flush.queued = p.s.caches[f.cache].dropped;
-    }
-
-    // The budget over time: every charge and credit the log shows, placed
-    // by the values it states ("remain", the refusals' MB). Without such a
-    // value the budget's level is unknown and nothing is drawn.
-    void budget(Proc& p) {
-        if (p.anchors.empty() || p.changes.empty()) {
-            if (!p.changes.empty())
-                p.s.coverage.notes.push_back("the dump budget's level is not in the log (no \"remain\" line)");
-            return;
-        }
-        // The level before the first change, narrowed by every stated value.
-        int64_t low = INT64_MIN, high = INT64_MAX;
-        std::vector<int64_t> sums(p.changes.size() + 1, 0);
-        for (size_t i = 0; i < p.changes.size(); ++i) sums[i + 1] = sums[i] + p.changes[i].delta;
-        for (const auto& a : p.anchors) {
-            low = std::max(low, a.low - sums[a.after]);
-            high = std::min(high, a.high - sums[a.after]);
-        }
-        if (low >= high) low = high - 1;
-        const int64_t start = low;
-        for (size_t i = 0; i < p.changes.size(); ++i)
-            p.s.budget.push_back({p.changes[i].ns, static_cast<uint64_t>(std::max<int64_t>(0, start + sums[i + 1])),
-                                  Evidence::Inferred});
-        if (high - low > 1)
-            p.s.coverage.notes.push_back("the dump budget's level is known to within " +
-                                         std::to_string((high - low) >> 10) + " KB (the log states it in KB or MB)");
     }
 
     // ---- everything else ----
@@ -1196,7 +1160,6 @@ std::vector<qs::Session> Interpreter::finish(const std::vector<qrnlog::InputInfo
                 st.settle(p, outer, tid);
             }
         }
-        st.budget(p);
         // Calls in time order (operations of several threads end in any
         // order); a release keeps pointing at its acquire.
         std::stable_sort(p.s.powerCalls.begin(), p.s.powerCalls.end(),

@@ -117,8 +117,8 @@ int main(int argc, char** argv) {
             case 'j': json = optarg; break;
             case 'y': {
                 char* end = nullptr;
-                const long year = strtol(optarg, &end, 10);
-                if (*end != '\0' || year < 1970 || year > 9999) {
+                const long year = optarg != nullptr ? strtol(optarg, &end, 10) : 0;
+                if (end == nullptr || *end != '\0' || year < 1970 || year > 9999) {
                     fprintf(stderr, "qrncam_logscan: invalid --year '%s'\n", optarg);
                     return 2;
                 }
