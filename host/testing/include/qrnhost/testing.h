@@ -224,8 +224,10 @@ class KernelNodes {
 // test program. The child's standard output and error, log lines included,
 // come back in output; the child ends when the scenario returns, or earlier
 // by its own doing. Assertions inside the scenario do not fail the test:
-// check what came back. Under ThreadSanitizer a child may start no thread
-// (the HIDL runtime's, to deliver death notices, say): it dies saying so.
+// check what came back. Under ThreadSanitizer or qemu-user a child may
+// start no thread (the HIDL runtime's, to deliver death notices, say): it
+// dies. Kill a service and hold its notice in the test before the child is
+// made instead (Capture::holdAt on "[serviceDied] ...").
 //   #include <Cam3CPUCtrl.h>
 //   const qt::ChildEnd end = qt::runInChild([] {
 //       auto sim = qt::startPowerService();
