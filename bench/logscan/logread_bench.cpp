@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "Interpret.h"
 #include "LogRead.h"
 
 extern char** environ;
@@ -68,23 +69,49 @@ const char kWords[] =
     "metadata pipeline node port output input request timeout latency dropped queued dequeued fence signaled "
     "allocation heap ion dmabuf surface layer vsync composition client display mode power hint cpu cluster ";
 
-// The library's lines, by tag.
+// The library's lines, as a camera session logs them over and over: the
+// camera controller made, used and given back, refused dumps, a thermal
+// error, and logd folding lines. One after another, on one thread, so that
+// the session's reader can follow them.
 struct LibraryLine {
     const char* tag;
     char priority;
     const char* text;
 };
 const LibraryLine kLibrary[] = {
+    {"Cam3CPUCtrl_util", 'D', "[createInstance] "},
+    {"Cam3CPUCtrl_util", 'D', "[Cam3CPUCtrlImp] "},
     {"Cam3CPUCtrl_util", 'D', "[init] +"},
-    {"Cam3CPUCtrl_util", 'D', "[enterCameraPerf] perf_lock_acq handle(@) timeout(0)"},
-    {"Cam3CPUCtrl_util", 'D', "[cpuPerformanceMode] handle(@) timeout(@)"},
-    {"Cam3CPUCtrl_util", 'E', "[enterNoTempa] perf lock @ failed (enterNoTempa){#412:utils/sys/Cam3CPUCtrl}"},
-    {"QrnCam/CpuCtrl", 'D', "[enable] scenario handle(@) big(4) little(4)"},
-    {"QrnCam/CpuCtrl", 'W', "[disable] nothing to disable for user @"},
-    {"file_cache", 'I', "</data/vendor/camera/dump_@.raw> remain 536870912"},
-    {"ThermalInfo", 'D', "[getSystemThermalValue] @"},
-    {"chatty", 'I', "uid=1047(cameraserver) camerahalserver identical @ lines"},
-    {"init", 'I', "Service 'vendor.camera-provider-2-4' (pid @) exited with status 0"},
+    {"Cam3CPUCtrl_util", 'D', "[__initPowerHAL] +"},
+    {"Cam3CPUCtrl_util", 'D', "[__initPowerHAL] Loaded power HAL service +"},
+    {"Cam3CPUCtrl_util", 'D', "[__initPowerHAL] Loaded power HAL service -"},
+    {"Cam3CPUCtrl_util", 'D', "[__initPowerHAL] -"},
+    {"Cam3CPUCtrl_util", 'D', "[init] First user"},
+    {"Cam3CPUCtrl_util", 'D', "[init] -"},
+    {"Cam3CPUCtrl_util", 'D', "[enterCameraPerf] enable camera idle prefer"},
+    {"Cam3CPUCtrl_util", 'D', "[enterCameraPerf] enter camera perf mode"},
+    {"Cam3CPUCtrl_util", 'D', "[cpuPerformanceMode] +"},
+    {"Cam3CPUCtrl_util", 'D', "[__initPowerHAL] +"},
+    {"Cam3CPUCtrl_util", 'D', "[__initPowerHAL] -"},
+    {"Cam3CPUCtrl_util", 'D', "[cpuPerformanceMode] mPowerHalHandle:(@)"},
+    {"Cam3CPUCtrl_util", 'D', "[cpuPerformanceMode] -"},
+    {"file_cache", 'E',
+     "</data/vendor/camera/dump_@.raw> Storage size exceed 1023MB/1024MB (write){#91:utils/sys/FileCache}"},
+    {"ThermalInfo", 'E',
+     "[getSystemThermalValue] Open File Node Error (getSystemThermalValue){#81:utils/sys/ThermalInfo}"},
+    {"chatty", 'I', "uid=1047(cameraserver) HwBinder:3182_2 identical @ lines"},
+    {"Cam3CPUCtrl_util", 'D', "[exitCameraPerf] exit camera perf mode"},
+    {"Cam3CPUCtrl_util", 'D', "[uninit] +"},
+    {"Cam3CPUCtrl_util", 'D', "[disable] +"},
+    {"Cam3CPUCtrl_util", 'D', "[disable] -"},
+    {"Cam3CPUCtrl_util", 'D', "[uninit] Last user(0)"},
+    {"Cam3CPUCtrl_util", 'D', "[uninit] -"},
+    {"Cam3CPUCtrl_util", 'D', "[destroyInstance] +"},
+    {"Cam3CPUCtrl_util", 'D', "[uninit] +"},
+    {"Cam3CPUCtrl_util", 'D', "[uninit] No user(0)"},
+    {"Cam3CPUCtrl_util", 'D', "[uninit] -"},
+    {"Cam3CPUCtrl_util", 'D', "[~Cam3CPUCtrlImp] "},
+    {"Cam3CPUCtrl_util", 'D', "[destroyInstance] -"},
 };
 
 void generate(uint64_t bytes) {
@@ -99,6 +126,7 @@ void generate(uint64_t bytes) {
     uint64_t written = 0;
     uint64_t ms = 8ull * 3600 * 1000;  // 08:00 on the 24th of November
     const size_t words = sizeof kWords - 1;
+    size_t next = 0;  // the library's next line
     while (written < bytes) {
         ms += rng.below(4);
         const uint64_t s = ms / 1000;
@@ -107,9 +135,8 @@ void generate(uint64_t bytes) {
                          static_cast<unsigned>(s / 3600 % 24), static_cast<unsigned>(s / 60 % 60),
                          static_cast<unsigned>(s % 60), static_cast<unsigned>(ms % 1000));
         if (rng.below(150) == 0) {
-            const LibraryLine& l = kLibrary[rng.below(sizeof kLibrary / sizeof kLibrary[0])];
-            n += snprintf(line + n, sizeof line - n, "%5u %5u %c %-8s: ", 3182u, 3190u + rng.below(8), l.priority,
-                          l.tag);
+            const LibraryLine& l = kLibrary[next++ % (sizeof kLibrary / sizeof kLibrary[0])];
+            n += snprintf(line + n, sizeof line - n, "%5u %5u %c %-8s: ", 3182u, 3190u, l.priority, l.tag);
             std::string text = l.text;  // each @ stands for a number
             for (size_t at = text.find('@'); at != std::string::npos; at = text.find('@', at)) {
                 text.replace(at, 1, std::to_string(rng.below(100000)));
@@ -190,6 +217,34 @@ void BM_ReadEveryTag(benchmark::State& state) {
     readLog(state, false);
 }
 
+// The whole of qrncam_logscan's work: the file read keeping its tags, and
+// every process session the library's lines make, reconstructed.
+void BM_ScanSessions(benchmark::State& state) {
+    double peak = 0;
+    size_t calls = 0;
+    for (auto _ : state) {
+        resetPeak();
+        qrnlog::ReaderOptions options;
+        options.tags = qrnscan::tags();
+        qrnlog::Reader reader(options);
+        reader.addPath(kPath);
+        qrnscan::Interpreter interpreter;
+        qrnlog::Item item;
+        while (reader.next(item)) interpreter.add(item);
+        const std::vector<qrnsession::Session> sessions = interpreter.finish(reader.inputs());
+        calls = 0;
+        for (const auto& s : sessions) calls += s.powerCalls.size() + s.perfCalls.size();
+        peak = peakMiB();
+    }
+    // Each pass of the session's lines registers, configures, enables,
+    // disables and unregisters one scenario and takes and gives back one
+    // perf lock.
+    if (calls < gCam3Lines / 30) state.SkipWithError("the sessions were not reconstructed");
+    state.counters["peak_rss_MiB"] = peak;
+    state.counters["calls"] = static_cast<double>(calls);
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * gBytes);
+}
+
 void BM_GrepCount(benchmark::State& state) {
     uint64_t count = 0;
     double peak = 0;
@@ -233,6 +288,7 @@ int main(int argc, char** argv) {
     if (mib != nullptr) gBytes = atoll(mib) << 20;
     for (auto* b : {benchmark::RegisterBenchmark("BM_ReadSessionTags", BM_ReadSessionTags),
                     benchmark::RegisterBenchmark("BM_ReadEveryTag", BM_ReadEveryTag),
+                    benchmark::RegisterBenchmark("BM_ScanSessions", BM_ScanSessions),
                     benchmark::RegisterBenchmark("BM_GrepCount", BM_GrepCount)}) {
         b->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(1);
     }

@@ -18,7 +18,7 @@ CC=clang CXX=clang++ cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Re
 cmake --build "$build" -j"$jobs"
 
 status=0
-for target in meminfo_fuzz thermal_fuzz logread_fuzz; do
+for target in meminfo_fuzz thermal_fuzz logread_fuzz interpret_fuzz; do
     corpus=$build/corpus/$target
     artifacts=$build/artifacts/$target
     mkdir -p "$corpus" "$artifacts"
