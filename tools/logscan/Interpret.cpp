@@ -38,18 +38,6 @@ const std::vector<int32_t> kNoTempaList = {0x02004000, 0x00000000};
 
 enum class Tri : uint8_t { Unknown, No, Yes };
 
-char levelLetter(android_LogPriority p) {
-    switch (p) {
-        case ANDROID_LOG_VERBOSE: return 'V';
-        case ANDROID_LOG_DEBUG: return 'D';
-        case ANDROID_LOG_INFO: return 'I';
-        case ANDROID_LOG_WARN: return 'W';
-        case ANDROID_LOG_ERROR: return 'E';
-        case ANDROID_LOG_FATAL: return 'F';
-        default: return '?';
-    }
-}
-
 Nanos nanos(const qrnlog::Timestamp& t) {
     return t.sec * 1000000000 + t.nsec;
 }
@@ -296,6 +284,115 @@ struct Interpreter::State {
         th.lastSettledFunc = f.func;
     }
 
+    // ---- what both controllers log alike ----
+
+    // Made and destroyed: true when the line was one of these.
+    bool lifeLine(Proc& p, ThreadState& th, qs::ControllerKind kind, int tid, const std::string& func,
+                  const std::string& rest, Nanos t) {
+        const bool cpu = kind == qs::ControllerKind::CpuCtrl;
+        const std::string imp = cpu ? "CpuCtrlImp" : "Cam3CPUCtrlImp";
+        Nanos& made = cpu ? th.cpuCreate : th.camCreate;
+        if (func == "createInstance" && rest.empty()) {
+            made = t;
+        } else if (func == imp && rest.empty()) {
+            newObj(p, kind, Stamp{made != qs::kNoTime ? made : t, Evidence::Seen}, tid);
+            made = qs::kNoTime;
+        } else if (func == "~" + imp) {
+            std::vector<Obj*> c = aliveOf(p, kind);
+            // The camera controller's destructor runs one uninit just
+            // before, on this thread: that one's object.
+            if (!cpu && c.size() > 1 && th.lastSettledFunc == "uninit" && th.lastSettled != nullptr &&
+                th.lastSettled->alive && th.lastSettled->kind == kind)
+                c = {th.lastSettled};
+            if (c.size() == 1) {
+                c.front()->alive = false;
+                event(p, c.front(), Stamp{t, Evidence::Seen}, tid, "destroy");
+            } else if (c.size() > 1) {
+                markAmbiguous(p, c, "[" + func + "]", t);
+            }
+        } else {
+            return func == "destroyInstance";
+        }
+        return true;
+    }
+
+    // The operation a line belongs to: a "+" line begins one (null is
+    // returned); any other line belongs to the innermost open one of its
+    // function (null when its "+" is not in the log).
+    Frame* frameOf(Proc& p, std::vector<Frame>& stack, qs::ControllerKind kind, int tid, const std::string& func,
+                   const std::string& rest, Nanos t) {
+        if (rest == "+") {
+            Frame f;
+            f.func = func;
+            f.begin = t;
+            if (stack.empty()) f.candidates = candidates(p, kind, tid, t);
+            stack.push_back(std::move(f));
+            return nullptr;
+        }
+        auto it = std::find_if(stack.rbegin(), stack.rend(), [&](const Frame& f) { return f.func == func; });
+        return it == stack.rend() ? nullptr : &*it;
+    }
+
+    // Ends f and whatever was left open inside it; the outermost operation
+    // of the thread ended is settled.
+    void close(Proc& p, std::vector<Frame>& stack, Frame& f, int tid) {
+        while (!stack.empty()) {
+            const bool done = &stack.back() == &f;
+            if (stack.size() == 1) {
+                Frame outer = std::move(stack.back());
+                stack.pop_back();
+                settle(p, outer, tid);
+                return;
+            }
+            stack.pop_back();
+            if (done) return;
+        }
+    }
+
+    // init's and uninit's user counts ("First user", or with its count);
+    // lastUser makes the calls of the last user's release. True when the
+    // line was one of these.
+    bool usersLine(Proc& p, Frame& top, int tid, const std::string& func, const std::string& rest, Nanos t,
+                   bool initForgetsService, std::function<void(Obj*, Stamp, const std::optional<int32_t>&)> lastUser) {
+        const Stamp seen{t, Evidence::Seen};
+        int n = 0;
+        if (func == "init") {
+            const bool first = rest == "First user" || SCAN1(rest, "First user(%d)", &n);
+            if (!first && !SCAN1(rest, "More user(%d)", &n)) return false;
+            const int before = first ? 0 : n;
+            top.tests.push_back([before](const Obj& o) { return o.users < 0 || o.users == before; });
+            top.effects.push_back([this, &p, before, first, initForgetsService, tid, seen](Obj* o) {
+                if (o == nullptr) return;
+                o->users = before + 1;
+                // CpuCtrl looks the service up at every init, and whether it
+                // was found is not logged.
+                if (initForgetsService) o->service = Tri::Unknown;
+                if (first) o->enabled = 0, o->handle = -1, o->handleKnown = true;
+                event(p, o, seen, tid, "init");
+            });
+            return true;
+        }
+        if (func != "uninit") return false;
+        if (SCAN1(rest, "No user(%d)", &n)) {
+            top.tests.push_back([](const Obj& o) { return o.users <= 0; });
+            top.effects.push_back([this, &p, tid, seen](Obj* o) { event(p, o, seen, tid, "uninit without a user"); });
+            return true;
+        }
+        if (!SCAN1(rest, "More user(%d)", &n) && !SCAN1(rest, "Last user(%d)", &n)) return false;
+        const bool last = n == 0;
+        top.tests.push_back([n](const Obj& o) { return o.users < 0 || o.users == n + 1; });
+        top.effects.push_back([this, &p, n, last, tid, seen, lastUser, opHandle = top.opHandle](Obj* o) {
+            if (o != nullptr) o->users = n;
+            event(p, o, seen, tid, "uninit");
+            if (!last) return;
+            // Only a service known to be there, or possibly there, is told.
+            const Tri service = o != nullptr ? o->service : Tri::Unknown;
+            if (service == Tri::No) return;
+            lastUser(o, Stamp{seen.ns, service == Tri::Yes ? Evidence::Inferred : Evidence::Unknown}, *opHandle);
+        });
+        return true;
+    }
+
     // ---- the CPU controller ----
 
     void cpuLine(Proc& p, int tid, char level, const std::string& func, const std::string& rest, Nanos t) {
@@ -303,85 +400,26 @@ struct Interpreter::State {
         const Stamp seen{t, Evidence::Seen};
         const Stamp inferred{t, Evidence::Inferred};
         const auto kind = qs::ControllerKind::CpuCtrl;
-        if (func == "createInstance" && rest.empty()) {
-            th.cpuCreate = t;
-            return;
-        }
-        if (func == "CpuCtrlImp" && rest.empty()) {
-            newObj(p, kind, Stamp{th.cpuCreate != qs::kNoTime ? th.cpuCreate : t, Evidence::Seen}, tid);
-            th.cpuCreate = qs::kNoTime;
-            return;
-        }
-        if (func == "~CpuCtrlImp") {
-            std::vector<Obj*> c = aliveOf(p, kind);
-            if (c.size() == 1) {
-                c.front()->alive = false;
-                event(p, c.front(), seen, tid, "destroy");
-            } else if (c.size() > 1) {
-                markAmbiguous(p, c, "[~CpuCtrlImp]", t);
-            }
-            return;
-        }
-        if (func == "destroyInstance") return;
+        if (lifeLine(p, th, kind, tid, func, rest, t)) return;
         std::vector<Frame>& stack = th.cpu;
-        if (rest == "+") {
-            Frame f;
-            f.func = func;
-            f.begin = t;
-            if (stack.empty()) f.candidates = candidates(p, kind, tid, t);
-            stack.push_back(std::move(f));
-            return;
-        }
-        // The operation this line belongs to: the innermost of that name.
-        auto it = std::find_if(stack.rbegin(), stack.rend(), [&](const Frame& f) { return f.func == func; });
-        if (it == stack.rend()) return;  // its "+" is not in the log
-        Frame& f = *it;
+        Frame* found = frameOf(p, stack, kind, tid, func, rest, t);
+        if (found == nullptr) return;
+        Frame& f = *found;
         Frame& top = stack.front();
         int n = 0;
         if (rest == "-") {
             finishCpu(p, stack, f, top, tid, t);
             return;
         }
-        if (func == "init") {
-            const bool first = SCAN1(rest, "First user(%d)", &n);
-            if (first || SCAN1(rest, "More user(%d)", &n)) {
-                const int before = first ? 0 : n;
-                top.tests.push_back([before](const Obj& o) { return o.users < 0 || o.users == before; });
-                top.effects.push_back([this, &p, before, first, tid, seen](Obj* o) {
-                    if (o == nullptr) return;
-                    o->users = before + 1;
-                    // Every init looks the service up again, and whether it
-                    // was found is not logged.
-                    o->service = Tri::Unknown;
-                    if (first) o->enabled = 0, o->handle = -1, o->handleKnown = true;
-                    event(p, o, seen, tid, "init");
-                });
-            }
-        } else if (func == "uninit") {
-            if (SCAN1(rest, "No user(%d)", &n)) {
-                top.tests.push_back([](const Obj& o) { return o.users <= 0; });
-                top.effects.push_back(
-                    [this, &p, tid, seen](Obj* o) { event(p, o, seen, tid, "uninit without a user"); });
-            } else if (SCAN1(rest, "More user(%d)", &n) || SCAN1(rest, "Last user(%d)", &n)) {
-                const bool last = n == 0;
-                top.tests.push_back([n](const Obj& o) { return o.users < 0 || o.users == n + 1; });
-                top.effects.push_back([this, &p, n, last, tid, seen, inferred, opHandle = top.opHandle](Obj* o) {
-                    if (o != nullptr) o->users = n;
-                    event(p, o, seen, tid, "uninit");
-                    if (!last) return;
-                    // The last user drops the scenario when the service is
-                    // known: unregister first, then disable, the handle even
-                    // when it is -1.
-                    const Tri service = o != nullptr ? o->service : Tri::Unknown;
-                    if (service == Tri::No) return;
-                    const Stamp at{inferred.ns, service == Tri::Yes ? Evidence::Inferred : Evidence::Unknown};
-                    const auto [h, unknown] = handleOf(o, *opHandle);
-                    call(p, o, tid, at, PowerOp::UnregisterScenario, {h}, unknown);
-                    call(p, o, tid, at, PowerOp::DisableScenario, {h}, unknown);
-                    if (o != nullptr && service == Tri::Yes) o->handle = -1, o->handleKnown = true;
-                    if (o != nullptr && service == Tri::Unknown) o->handleKnown = false;
-                });
-            }
+        // The last user unregisters, then disables, the handle even when
+        // it is -1.
+        auto lastUser = [this, &p, tid](Obj* o, Stamp at, const std::optional<int32_t>& registered) {
+            const auto [h, unknown] = handleOf(o, registered);
+            call(p, o, tid, at, PowerOp::UnregisterScenario, {h}, unknown);
+            call(p, o, tid, at, PowerOp::DisableScenario, {h}, unknown);
+            if (o != nullptr) o->handle = -1, o->handleKnown = at.how == Evidence::Inferred;
+        };
+        if (usersLine(p, top, tid, func, rest, t, true, lastUser)) {
         } else if (rest == "No user") {
             f.noUser = true;
             top.tests.push_back([](const Obj& o) { return o.users <= 0; });
@@ -519,18 +557,7 @@ struct Interpreter::State {
                 call(p, o, tid, inferred, PowerOp::EnableScenario, {h, kTimeoutMax}, unknown | 2);
             });
         }
-        // Pop f and whatever was left open inside it.
-        while (!stack.empty()) {
-            const bool done = &stack.back() == &f;
-            if (stack.size() == 1) {
-                Frame outer = std::move(stack.back());
-                stack.pop_back();
-                settle(p, outer, tid);
-                return;
-            }
-            stack.pop_back();
-            if (done) return;
-        }
+        close(p, stack, f, tid);
     }
 
     // ---- the camera controller ----
@@ -541,36 +568,13 @@ struct Interpreter::State {
         const Stamp inferred{t, Evidence::Inferred};
         const auto kind = qs::ControllerKind::Cam3CPUCtrl;
         resolvePendingAcquire(p, th, func, rest, level);
-        if (func == "createInstance" && rest.empty()) {
-            th.camCreate = t;
-            return;
-        }
-        if (func == "Cam3CPUCtrlImp" && rest.empty()) {
-            newObj(p, kind, Stamp{th.camCreate != qs::kNoTime ? th.camCreate : t, Evidence::Seen}, tid);
-            th.camCreate = qs::kNoTime;
-            return;
-        }
+        if (lifeLine(p, th, kind, tid, func, rest, t)) return;
         if (func == "loadPerfAPI") {
             if (level == 'W')
                 p.s.coverage.notes.push_back("the perf-lock library could not be loaded at " + qs::offset(p.s, t) +
                                              ": perf-lock requests of objects made then fail without a line");
             return;
         }
-        if (func == "~Cam3CPUCtrlImp") {
-            std::vector<Obj*> c = aliveOf(p, kind);
-            // The destructor runs one uninit just before, on this thread.
-            if (c.size() > 1 && th.lastSettledFunc == "uninit" && th.lastSettled != nullptr && th.lastSettled->alive &&
-                th.lastSettled->kind == kind)
-                c = {th.lastSettled};
-            if (c.size() == 1) {
-                c.front()->alive = false;
-                event(p, c.front(), seen, tid, "destroy");
-            } else if (c.size() > 1) {
-                markAmbiguous(p, c, "[~Cam3CPUCtrlImp]", t);
-            }
-            return;
-        }
-        if (func == "destroyInstance") return;
         if (func == "serviceDied") {
             // Each linked object hears it; the service is gone for all.
             bool first = true;
@@ -595,61 +599,27 @@ struct Interpreter::State {
         }
         if (func == "enablePreferIdle" && rest == "CPU prefer idle is disabled") return;
         std::vector<Frame>& stack = th.cam;
-        if (rest == "+") {
-            Frame f;
-            f.func = func;
-            f.begin = t;
-            if (stack.empty()) f.candidates = candidates(p, kind, tid, t);
-            stack.push_back(std::move(f));
-            return;
-        }
-        auto it = std::find_if(stack.rbegin(), stack.rend(), [&](const Frame& f) { return f.func == func; });
-        if (it == stack.rend()) return;
-        Frame& f = *it;
+        Frame* found = frameOf(p, stack, kind, tid, func, rest, t);
+        if (found == nullptr) return;
+        Frame& f = *found;
         Frame& top = stack.front();
         int n = 0;
         if (rest == "-") {
             finishCam(p, stack, f, top, tid, t);
             return;
         }
-        if (func == "init") {
-            const bool first = rest == "First user";
-            if (first || SCAN1(rest, "More user(%d)", &n)) {
-                const int before = first ? 0 : n;
-                top.tests.push_back([before](const Obj& o) { return o.users < 0 || o.users == before; });
-                top.effects.push_back([this, &p, before, first, tid, seen](Obj* o) {
-                    if (o == nullptr) return;
-                    o->users = before + 1;
-                    if (first) o->enabled = 0, o->handle = -1, o->handleKnown = true;
-                    event(p, o, seen, tid, "init");
-                });
+        // The last user disables, then unregisters, a real handle only; then
+        // the death notification is unlinked, and the service stays bound.
+        auto lastUser = [this, &p, tid](Obj* o, Stamp at, const std::optional<int32_t>& registered) {
+            const auto [h, unknown] = handleOf(o, registered);
+            if (unknown != 0 || h != -1) {
+                call(p, o, tid, at, PowerOp::DisableScenario, {h}, unknown);
+                call(p, o, tid, at, PowerOp::UnregisterScenario, {h}, unknown);
             }
-        } else if (func == "uninit") {
-            if (SCAN1(rest, "No user(%d)", &n)) {
-                top.tests.push_back([](const Obj& o) { return o.users <= 0; });
-                top.effects.push_back(
-                    [this, &p, tid, seen](Obj* o) { event(p, o, seen, tid, "uninit without a user"); });
-            } else if (SCAN1(rest, "More user(%d)", &n) || SCAN1(rest, "Last user(%d)", &n)) {
-                const bool last = n == 0;
-                top.tests.push_back([n](const Obj& o) { return o.users < 0 || o.users == n + 1; });
-                top.effects.push_back([this, &p, n, last, tid, seen, inferred, opHandle = top.opHandle](Obj* o) {
-                    if (o != nullptr) o->users = n;
-                    event(p, o, seen, tid, "uninit");
-                    if (!last) return;
-                    const Tri service = o != nullptr ? o->service : Tri::Unknown;
-                    if (service == Tri::No) return;
-                    // Disable, then unregister (only a real handle), then the
-                    // death notification is unlinked; the service stays bound.
-                    const Stamp at{inferred.ns, service == Tri::Yes ? Evidence::Inferred : Evidence::Unknown};
-                    const auto [h, unknown] = handleOf(o, *opHandle);
-                    if (unknown != 0 || h != -1) {
-                        call(p, o, tid, at, PowerOp::DisableScenario, {h}, unknown);
-                        call(p, o, tid, at, PowerOp::UnregisterScenario, {h}, unknown);
-                    }
-                    event(p, o, at, tid, "unlinked");
-                    if (o != nullptr) o->handle = -1, o->handleKnown = service == Tri::Yes;
-                });
-            }
+            event(p, o, at, tid, "unlinked");
+            if (o != nullptr) o->handle = -1, o->handleKnown = at.how == Evidence::Inferred;
+        };
+        if (usersLine(p, top, tid, func, rest, t, false, lastUser)) {
         } else if (func == "__initPowerHAL") {
             if (rest == "Loaded power HAL service +") {
                 f.loadedService = true;
@@ -718,17 +688,7 @@ struct Interpreter::State {
                 if (o != nullptr) o->enabled = 1;
             });
         }
-        while (!stack.empty()) {
-            const bool done = &stack.back() == &f;
-            if (stack.size() == 1) {
-                Frame outer = std::move(stack.back());
-                stack.pop_back();
-                settle(p, outer, tid);
-                return;
-            }
-            stack.pop_back();
-            if (done) return;
-        }
+        close(p, stack, f, tid);
     }
 
     // The camera controller's perf locks: enter and exit pairs without a
@@ -1025,7 +985,7 @@ struct Interpreter::State {
         if (tag != kCpuTag && tag != kCamTag && tag != kFileTag && tag != kThermalTag) return;
         Proc& p = proc(e.pid, t);
         ThreadState& th = p.threads[e.tid];
-        const char level = levelLetter(e.priority);
+        const char level = qs::priorityLetter(e.priority);
         qs::LogLine line;
         line.ns = t;
         line.pid = e.pid;

@@ -2,6 +2,7 @@
 
 #include <stdio.h>
 #include <stdlib.h>
+#include <time.h>
 
 #include <PowerScenario.h>
 #include <algorithm>
@@ -11,6 +12,17 @@ namespace qrnsession {
 
 namespace p2 = vendor::quarnel::hardware::power::V2_0;
 static_assert(kScenarioTimeoutMax == p2::SCENARIO_TIMEOUT_MAX, "one longest timeout");
+
+Nanos wallClockNow() {
+    struct timespec ts;
+    clock_gettime(CLOCK_REALTIME, &ts);
+    return static_cast<Nanos>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
+}
+
+char priorityLetter(int priority) {
+    // ANDROID_LOG_VERBOSE (2) to ANDROID_LOG_FATAL (7).
+    return priority >= 2 && priority <= 7 ? "VDIWEF"[priority - 2] : '?';
+}
 
 const char* evidenceName(Evidence e) {
     switch (e) {

@@ -26,6 +26,11 @@ namespace qrnsession {
 using Nanos = int64_t;
 constexpr Nanos kNoTime = std::numeric_limits<Nanos>::min();
 
+// The wall clock now, as the session's times count it.
+Nanos wallClockNow();
+// An Android log priority as logcat's letter: V D I W E F, '?' for another.
+char priorityLetter(int priority);
+
 enum class Evidence : uint8_t { Seen, Inferred, Unknown };
 const char* evidenceName(Evidence e);  // "seen", "inferred", "unknown"
 

@@ -25,12 +25,6 @@ namespace qs = qrnsession;
 
 namespace {
 
-int64_t now() {
-    struct timespec ts;
-    clock_gettime(CLOCK_REALTIME, &ts);
-    return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
-}
-
 int gettid() {
     return static_cast<int>(syscall(SYS_gettid));
 }
@@ -48,21 +42,9 @@ json head(const char* kind) {
     return {{"k", kind}, {"pid", static_cast<int>(getpid())}, {"tid", gettid()}};
 }
 
-char letter(int priority) {
-    switch (priority) {
-        case ANDROID_LOG_VERBOSE: return 'V';
-        case ANDROID_LOG_DEBUG: return 'D';
-        case ANDROID_LOG_INFO: return 'I';
-        case ANDROID_LOG_WARN: return 'W';
-        case ANDROID_LOG_ERROR: return 'E';
-        case ANDROID_LOG_FATAL: return 'F';
-        default: return '?';
-    }
-}
-
 void androidLogger(const struct __android_logger_data* data, const char* message) {
     json r = head("log");
-    r["level"] = std::string(1, letter(data->priority));
+    r["level"] = std::string(1, qs::priorityLetter(data->priority));
     r["tag"] = data->tag != nullptr ? data->tag : "";
     r["text"] = message != nullptr ? message : "";
     r["uid"] = static_cast<int>(getuid());
@@ -134,7 +116,7 @@ void Recorder::write(const std::string& line) {
     std::lock_guard<std::mutex> g(*gWriteLock);
     std::string out = line;
     out.pop_back();  // the closing brace
-    out += ",\"ns\":" + std::to_string(now()) + "}\n";
+    out += ",\"ns\":" + std::to_string(qs::wallClockNow()) + "}\n";
     const char* p = out.data();
     size_t left = out.size();
     while (left > 0) {

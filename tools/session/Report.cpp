@@ -26,12 +26,6 @@ namespace qs = qrnsession;
 
 namespace {
 
-int64_t now() {
-    struct timespec ts;
-    clock_gettime(CLOCK_REALTIME, &ts);
-    return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
-}
-
 std::string human(double bytes) {
     char buf[32];
     if (bytes >= (1 << 30))
@@ -109,7 +103,7 @@ int closingReport(const Options& o, const Outcome& outcome) {
         fc.flush.verified = problem.empty();
         fc.flush.problem = problem;
     }
-    supervisor.end = now();
+    supervisor.end = qs::wallClockNow();
     supervisor.ending = "reporting";
     qs::derive(s);
     // The dumps still pending when the session's process began to exit: those

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "Run.h"
+#include "Session.h"
 
 namespace session {
 
@@ -49,12 +50,6 @@ bool lockDirectory(const std::string& dir) {
         return false;
     }
     return true;  // fd stays open: the lock lasts as long as the process
-}
-
-int64_t now() {
-    struct timespec ts;
-    clock_gettime(CLOCK_REALTIME, &ts);
-    return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
 }
 
 }  // namespace
@@ -126,7 +121,7 @@ int supervise(const Options& o, const std::function<int(const Outcome&)>& report
     gChild = 0;
     out.status = status;
     out.pid = pid;
-    out.ended = now();
+    out.ended = qrnsession::wallClockNow();
     if (gSignal != 0) {
         const int sig = gSignal;
         fprintf(stderr, "qrncam_session: stopped by signal %d\n", sig);
