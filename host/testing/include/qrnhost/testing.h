@@ -265,7 +265,7 @@ const char* leftName(Left kind);  // "scenario", "perf lock", ...
 
 struct Leftover {
     Left kind;
-    std::string what;  // names the item: "lock 1 {0x00414000, 0x00000001} for 500 ms (enterCPUBoost)"
+    std::string what;  // names the item: "lock 2 {0x00414000, 0x00000001} for 500 ms (CPU boost: enterCPUBoost)"
 };
 
 // Notes the properties as they are now: leftovers() names those that differ
@@ -287,7 +287,7 @@ void leaveOnPurpose(Left kind, const std::string& containing = std::string());
 // What a failed test needs to be understood, as text: the newest records of
 // capture (when given, at most `limit`), then the newest calls of every
 // registered power simulator and of the perf-lock library (at most `limit`
-// each).
+// each), those that reset() wiped since markClean() included.
 std::string whatHappened(const Capture* capture, size_t limit = 100);
 
 // Back to a clean platform, for a test's TearDown: every service is killed
