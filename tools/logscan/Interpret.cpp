@@ -353,7 +353,8 @@ struct Interpreter::State {
     // lastUser makes the calls of the last user's release. True when the
     // line was one of these.
     bool usersLine(Proc& p, Frame& top, int tid, const std::string& func, const std::string& rest, Nanos t,
-                   bool initForgetsService, std::function<void(Obj*, Stamp, const std::optional<int32_t>&)> lastUser) {
+                   bool initForgetsService,
+                   const std::function<void(Obj*, Stamp, const std::optional<int32_t>&)>& lastUser) {
         const Stamp seen{t, Evidence::Seen};
         int n = 0;
         if (func == "init") {
