@@ -107,6 +107,10 @@ qs::Session handMade() {
     };
     log(2, 'D', "Cam3CPUCtrl_util", "[init] +");
     log(2, 'D', "Cam3CPUCtrl_util", "[init] -");
+    log(20, 'D', "Cam3CPUCtrl_util", "[uninit] +");
+    log(20, 'D', "Cam3CPUCtrl_util", "[disable] +");
+    log(20, 'D', "Cam3CPUCtrl_util", "[disable] -");
+    log(20, 'D', "Cam3CPUCtrl_util", "[uninit] -");
     log(31, 'D', "QrnCam/CpuCtrl", "[enable] +");
     log(105, 'E', "file_cache", "</data/a.raw> Storage size exceed 0MB/0MB (write){#91:utils/sys/FileCache}");
     log(200, 'W', "Cam3CPUCtrl_util", "[uninit] No user(0)\nsecond line");
@@ -147,6 +151,38 @@ TEST(SessionModel, DeriveEndsSpansAndLocksAndTheChecksSayWhatWasLeft) {
     const auto problems = qs::problems(s);
     ASSERT_EQ(2u, problems.size());
     EXPECT_EQ("in write at utils/sys/FileCache:91", problems[0].why);
+}
+
+// Where a timeout or a duration ends exactly when a call comes, it ended by
+// itself; a nanosecond sooner, the call ended it. A call whose handle is not
+// known may have withdrawn any scenario, unless the scenario is used after.
+TEST(SessionModel, EndsAtTheEdgeAndCallsOfUnknownHandle) {
+    for (const qs::Nanos late : {0, -1}) {
+        qs::Session s;
+        s.end = 10000 * kMs;
+        s.processFor(kPid);
+        auto power = [&](qs::Nanos ns, qs::PowerOp op, std::vector<int32_t> args, std::optional<int32_t> result,
+                         uint32_t unknown = 0) {
+            s.powerCalls.push_back({{ns, qs::Evidence::Seen}, kPid, kMain, 0, op, args, result, false, unknown});
+        };
+        power(0, qs::PowerOp::RegisterScenario, {}, 5);
+        power(0, qs::PowerOp::EnableScenario, {5, 1000}, std::nullopt);
+        power(1000 * kMs + late, qs::PowerOp::DisableScenario, {5}, std::nullopt);
+        power(2000 * kMs, qs::PowerOp::RegisterScenario, {}, 6);
+        power(2001 * kMs, qs::PowerOp::UnregisterScenario, {-1}, std::nullopt, 1);  // which one, not known
+        power(2002 * kMs, qs::PowerOp::EnableScenario, {5, 0}, std::nullopt);       // 5 was still there
+        qs::PerfCall acquire, release;
+        acquire.at = {0, qs::Evidence::Seen}, acquire.pid = kPid, acquire.duration = 500, acquire.result = 1;
+        release.at = {500 * kMs + late, qs::Evidence::Seen}, release.pid = kPid, release.op = qs::PerfOp::Release;
+        release.handle = 1;
+        s.perfCalls = {acquire, release};
+        qs::derive(s);
+        EXPECT_EQ(late ? qs::SpanEnd::Disabled : qs::SpanEnd::TimedOut, s.scenarios[0].enabled[0].endedBy);
+        EXPECT_EQ(late ? qs::LockEnd::Released : qs::LockEnd::RanOut, s.perfLocks[0].endedBy);
+        EXPECT_TRUE(s.scenarios[0].leftRegistered()) << late;
+        ASSERT_TRUE(s.scenarios[1].unregistered.has_value());
+        EXPECT_EQ(qs::Evidence::Unknown, s.scenarios[1].unregistered->how);
+    }
 }
 
 TEST(SessionModel, ErrorSuffixesAreParsedOnlyWhenWhole) {
@@ -244,8 +280,8 @@ TEST(SessionModel, TraceGivesViewersMatchedPairsNamedThreadsAndWhatWasLeft) {
     for (const auto& t : used) EXPECT_TRUE(named.count(t)) << t.first << "/" << t.second;
     EXPECT_EQ(3, counters);
     EXPECT_EQ(1, flushes);  // the pending and the open cache have no flush to draw
-    // One config, one refused lock, one refused block, five log lines, one mark.
-    EXPECT_EQ(9, instants);
+    // One config, one refused lock, one refused block, nine log lines, one mark.
+    EXPECT_EQ(13, instants);
 }
 
 TEST(SessionModel, PageDataMarksWhatWasLeftAndEveryProblem) {

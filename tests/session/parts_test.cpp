@@ -65,7 +65,7 @@ TEST(SessionParts, TheRecordBuildsTheSession) {
 {"k":"fc","pid":9,"tid":9,"event":"drop","cache":2,"flush":77,"name":"/f","bytes":0,"charged":0,"limit":0,"ok":true,"ns":2004}
 {"k":"dump","pid":9,"tid":9,"path":"/f","frames":[4],"ns":2005}
 {"k":"fc","pid":9,"tid":9,"event":"queue","cache":0,"flush":77,"name":"/f","bytes":10,"charged":0,"limit":0,"ok":true,"ns":2006}
-{"k":"mark","pid":9,"tid":9,"what":"exit","detail":"","ns":2007}
+{"k":"mark","pid":9,"tid":9,"what":"service died","detail":"","ns":2007}
 {"k":"done","pid":9,"tid":9,"ns":2008}
 {"k":"fc","pid":9,"tid":12,"event":"begin","cache":0,"flush":77,"name":"/f","bytes":0,"charged":0,"limit":0,"ok":true,"ns":2100}
 {"k":"fc","pid":9,"tid":12,"event":"credit","cache":0,"flush":77,"name":"","bytes":10,"charged":0,"limit":0,"ok":true,"ns":2101}
@@ -95,6 +95,9 @@ TEST(SessionParts, TheRecordBuildsTheSession) {
     ASSERT_EQ(2u, s.budget.size());
     EXPECT_EQ(0u, s.budget[1].bytes);
     EXPECT_EQ(2102, s.end);
+    // The death comes after both calls made before it, whatever their times.
+    ASSERT_EQ(1u, s.marks.size());
+    EXPECT_EQ(2, s.marks[0].callsBefore);
 
     // Cut short: the last line unfinished, or the session's last word missing.
     qt::writeFile(path, lines.substr(0, lines.size() - 5));

@@ -169,6 +169,7 @@ void twoOfEach(Recorder& rec) {
     c([&](CpuCtrl* ctrl) { return ctrl->enable(fixed); });
     d([](CpuCtrl* ctrl) { return ctrl->cpuPerformanceMode(2); });
     c([](CpuCtrl* ctrl) { return ctrl->disable(); });
+    c([](CpuCtrl* ctrl) { return ctrl->disable(); });  // nothing left to disable
     c.uninit();
     d.uninit();
     c.destroy();
